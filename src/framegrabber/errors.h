@@ -1,0 +1,183 @@
+// Exception family of the plug-in and the rule that turns an exception into
+// the (number, text) pair reported to the host.
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace Nvk {
+
+// Root of every exception the plug-in raises itself.
+class ClNorvakException : public std::exception {
+public:
+    ~ClNorvakException() override = default;
+    virtual const char* What() const noexcept = 0;
+};
+
+class CXException : public ClNorvakException {
+public:
+    ~CXException() override = default;
+    const char* what() const noexcept override { return GetDescription(); }
+    const char* What() const noexcept override { return GetDescription(); }
+    virtual const char* GetDescription() const = 0;
+};
+
+// A failed system call; the description is the system's message for errno.
+class CXSystemException : public CXException {
+public:
+    explicit CXSystemException(int errorNumber) : m_nErrorNumber(errorNumber) {}
+    const char* GetDescription() const override;
+    virtual int GetErrorNumber() const { return m_nErrorNumber; }
+
+private:
+    int m_nErrorNumber;
+};
+
+class CXMemoryAllocException : public CXException {
+public:
+    const char* GetDescription() const override { return "memory allocation failed"; }
+};
+
+// Text plus number, for loader and calibration-header failures. The text is
+// kept in a fixed 1024-character buffer filled by a bounded copy: a text of
+// 1024 characters or more is stored cut and without a terminating zero. A
+// hidden zero byte right after the buffer keeps every reader of the
+// description inside the object all the same.
+class CXOtherException : public CXException {
+public:
+    static constexpr std::size_t kTextSize = 1024;
+
+    CXOtherException(const char* text, int errorNumber);
+    const char* GetDescription() const override { return m_szText; }
+    virtual int GetErrorNumber() const { return m_nErrorNumber; }
+
+private:
+    char m_szText[kTextSize];
+    char m_cGuard = '\0';  // never written: the stop for a cut text
+    int m_nErrorNumber;
+};
+
+class ClHeaderFormatException : public CXOtherException {
+public:
+    ClHeaderFormatException() : CXOtherException("The header version is wrong.", -1) {}
+};
+
+class ClCHeaderDesrcTooLongException : public CXOtherException {
+public:
+    ClCHeaderDesrcTooLongException() : CXOtherException("The description is too long.", -1) {}
+};
+
+// Error numbers of CXOtherException.
+constexpr int kErrLibraryLoad = -201;
+constexpr int kErrSymbolResolve = -202;
+constexpr int kErrCalibrationHeader = -1;
+
+}  // namespace Nvk
+
+namespace vc {
+
+// A reportable error: an exact text and the number the host sees.
+class ClVCException : public Nvk::CXException {
+public:
+    ClVCException(std::string text, int errorNumber)
+        : m_strText(std::move(text)), m_nErrorNumber(errorNumber) {}
+    // A null text is stored as an empty one.
+    ClVCException(const char* text, int errorNumber)
+        : m_strText(text ? text : ""), m_nErrorNumber(errorNumber) {}
+    const char* GetDescription() const override { return m_strText.c_str(); }
+    int GetErrorNumber() const { return m_nErrorNumber; }
+
+private:
+    std::string m_strText;
+    int m_nErrorNumber;
+};
+
+// Reported through the warning callback; capture goes on.
+class ClVCWarning : public ClVCException {
+public:
+    using ClVCException::ClVCException;
+};
+
+// The connected scanner's hardware is not supported.
+class ClQV2NOTImplException : public ClVCException {
+public:
+    using ClVCException::ClVCException;
+};
+
+// Result flag of a failed interface call.
+constexpr unsigned int FGERR_FLAG = 0x10000000u;
+
+// Error numbers reported to the host and their exact texts.
+namespace err {
+constexpr int kCameraUnknown = 3;
+constexpr const char* kCameraUnknownText =
+    "The camera ID is unknown or is not supported by frame grabber";
+constexpr int kBadChannel = 4;
+constexpr const char* kBadChannelText = "Incorrect channel number for frame grabber";
+constexpr int kBadColorMode = 9;
+constexpr const char* kBadColorModeText = "The frame grabber does not support this color mode";
+constexpr int kBadDetection = 10;
+constexpr const char* kBadDetectionText =
+    "The detection ID bad or frame grabber does not support this detection";
+constexpr int kBadFilter = 11;
+constexpr const char* kBadFilterText = "The filter ID bad or framegrabber does not support";
+constexpr int kBadProperty = 12;
+constexpr const char* kBadPropertyText = "Incorrect property or frame grabber does not support";
+constexpr int kUnsupportedEEPROM = 14;
+constexpr int kMoreData = 17;
+constexpr const char* kMoreDataText = "More data are available";
+constexpr int kReadOnlyProperty = 18;
+constexpr const char* kReadOnlyPropertyText = "The property is read only";
+constexpr int kFilterNotApplicable = 21;
+constexpr const char* kFilterNotApplicableText = "The filter can not be applied";
+constexpr int kHardwareNotSupported = 22;
+constexpr const char* kHardwareNotSupportedText =
+    "The QV2-scanner hardware version is not supported";
+constexpr int kUnsupported = 22;
+constexpr int kOther = 23;
+constexpr int kBadAspectRatio = 25;
+constexpr const char* kBadAspectRatioText = "The aspect ratio is incorrect. It can be set 1.. ";
+constexpr int kBadDeviceIndex = 27;
+constexpr const char* kBadDeviceIndexText =
+    "The device index out of range or is not supported by frame grabber";
+constexpr int kDisconnected = 31;
+constexpr const char* kDisconnectedText = "The scanner is disconnected.";
+constexpr int kCalibrationCorrupt = 37;
+constexpr const char* kCalibrationCorruptText = "The calibration data is corrupt.";
+constexpr int kApiVersion = 40;
+constexpr const char* kApiVersionText = "The QV2 API version isn't more supported";
+constexpr int kNoStorage = 51;
+constexpr const char* kNoStorageText =
+    "Not enough storage is available to complete this operation";
+}  // namespace err
+
+// The (number, text) pair a caught exception becomes.
+struct FGError {
+    int number = 0;
+    std::string text;
+};
+
+// Which handlers a guarded call runs: all three, or only the family and
+// standard handlers (the list copies never raise ClVCException, so there a
+// ClVCException is treated like any other family member).
+enum class eHandlers { All, FamilyAndStd };
+
+// Translation of the exception currently being handled, for use inside a
+// catch block; rethrows anything that is not a std::exception.
+FGError TranslateCurrentException(eHandlers handlers = eHandlers::All);
+
+// Runs `call`; returns true when it completed, otherwise stores the
+// translated error in `error` and returns false. Objects outside the
+// standard exception family are not caught.
+template <class Call>
+bool GuardedCall(Call&& call, FGError& error, eHandlers handlers = eHandlers::All) {
+    try {
+        call();
+        return true;
+    } catch (const std::exception&) {
+        error = TranslateCurrentException(handlers);
+        return false;
+    }
+}
+
+}  // namespace vc

@@ -1,0 +1,247 @@
+// Host contract of the KR7 frame-grabber plug-in (libnorvakkr7fg.so.1).
+//
+// A host loads the library, calls GetFrameGrabber() to obtain the single
+// vc::ClFramegrabber object and drives it through the operations below. This
+// header is self-contained: it needs only the C++ standard library.
+//
+// Results: every operation returns an unsigned 32-bit code, 0 on success. A
+// failed call returns its error number with FGERR_FLAG (0x10000000) set and
+// keeps number and text as the last error (GetLastError). A few operations
+// return a bare number: 14 for the EEPROM calls, 22 for the dialog, setting
+// and extended-property calls, 17 for list copies that do not fit.
+//
+// Text getters (GetInfo, GetVersion, GetLastError) take a buffer and its size
+// by reference. A null buffer asks for the size: size becomes length + 1.
+// Otherwise min(needed, size) bytes are copied, without a terminating zero
+// when the buffer is too small, and size becomes the needed size.
+//
+// Callbacks are called from the plug-in's capture threads. Images passed to
+// them point at a packed bitmap (BITMAPINFOHEADER, palette, rows) that is
+// valid only during the call.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace vc {
+
+class ClVCFactory;  // the host's own factory type; opaque to the plug-in
+
+// Camera types. Only eCameraKR7 is listed and accepted by this plug-in; the
+// other values belong to other frame grabbers of the host framework.
+enum eCameraIDs {
+    eCameraType1 = 1,
+    eCameraType2 = 2,
+    eCameraType3 = 3,
+    eCameraType4 = 4,
+    eCameraType5 = 5,
+    eCameraType6 = 6,
+    eCameraType7 = 7,
+    eCameraKR7 = 8,
+    eCameraType9 = 9,
+};
+
+enum eColorModeIDs {
+    eColorGray8 = 0,  // 8-bit grey, the only colour mode
+};
+
+// Detection stage run on a capturing channel.
+enum eCaptureModeIDs {
+    eCaptureLive = 0,             // every frame is delivered
+    eCapturePlainFinger = 1,      // a result when a plain finger is settled
+    eCaptureRolledFinger = 2,     // a result when a roll is complete
+    eCaptureFastPlainFinger = 3,  // plain finger, shorter decision
+    eCapturePreview = 4,          // a result on the host's trigger
+};
+
+enum eFilterIDs {
+    eFilterNone = 0,
+    eFilterSubtractBackground = 1,
+};
+
+enum ePropertyIDs : std::uint32_t {
+    ePropFixedOne = 3,             // read only, always 1
+    ePropFakeFingerDetection = 6,  // 100 when on, 0 when off
+    ePropRedLED = 7,               // 100 when lit, 0 when dark
+    ePropGreenLED = 8,             // 100 when lit, 0 when dark
+};
+
+// Dialog identifiers; this plug-in has no dialogs.
+enum eDlgIDs : int {};
+
+// Kind of frame grabber that reports an event.
+enum eFGs {
+    eFGKR7 = 19,
+};
+
+// Device events of this plug-in.
+enum eFG_KR7_Events {
+    eKR7EventFakeFinger = 0,  // a fake finger was put on the scanner
+};
+
+// One connected scanner, as AvailableDevices fills it.
+struct DeviceInfo {
+    char SerialNumber[100];  // zero-terminated, rest zero
+    char Description[100];   // empty
+    std::uint32_t Index;     // interface number; pass it to SetActiveDevice
+};
+static_assert(sizeof(DeviceInfo) == 204, "DeviceInfo must be 204 bytes");
+static_assert(offsetof(DeviceInfo, SerialNumber) == 0, "DeviceInfo layout");
+static_assert(offsetof(DeviceInfo, Description) == 100, "DeviceInfo layout");
+static_assert(offsetof(DeviceInfo, Index) == 200, "DeviceInfo layout");
+
+// Callback signatures. `handle` is the value the host passed to StartCapture
+// (EnableEvents for events); `tag` is the channel's callback tag; `user` is
+// the pointer given at registration.
+typedef void (*FGImageCallback)(int handle, unsigned int tag, unsigned char* image, void* user);
+typedef void (*FGResultCallback)(int handle, unsigned int tag, int result, unsigned char* image,
+                                 void* user);
+typedef void (*FGErrorCallback)(int handle, unsigned int tag, const char* text, void* user);
+typedef void (*FGWarningCallback)(int handle, unsigned int tag, const char* text, void* user);
+typedef void (*FGStartCallback)(int handle, unsigned int tag, void* user);
+typedef void (*FGStopCallback)(int handle, unsigned int tag, void* user);
+typedef void (*FGEventCallback)(int handle, unsigned int channel, eFGs kind,
+                                unsigned int eventType, void* user);
+
+// Output resolution in pixels per metre.
+class ClImageResolution {
+public:
+    ClImageResolution() = default;
+    ClImageResolution(std::uint32_t x, std::uint32_t y) : m_nX(x), m_nY(y) {}
+    ClImageResolution(const ClImageResolution&) = default;
+    ClImageResolution& operator=(const ClImageResolution&) = default;
+    virtual ~ClImageResolution() = default;
+
+    bool operator==(const ClImageResolution& o) const { return m_nX == o.m_nX && m_nY == o.m_nY; }
+    bool operator!=(const ClImageResolution& o) const { return !(*this == o); }
+
+    // Dots per inch to pixels per metre: × 39.37, truncated. The factor is
+    // the double nearest 39.37 (a hair below it) multiplied in long double,
+    // so 500 dpi gives 19684, not 19685.
+    static std::uint32_t DpiToPels(std::uint32_t dpi) {
+        return static_cast<std::uint32_t>(static_cast<long double>(dpi) *
+                                          static_cast<long double>(39.37));
+    }
+    void put_DPI(std::uint32_t xDpi, std::uint32_t yDpi) {
+        m_nX = DpiToPels(xDpi);
+        m_nY = DpiToPels(yDpi);
+    }
+    std::uint32_t X() const { return m_nX; }
+    std::uint32_t Y() const { return m_nY; }
+
+private:
+    std::uint32_t m_nX = 0;
+    std::uint32_t m_nY = 0;
+};
+
+// The frame-grabber interface. The order of the operations is the binary
+// contract with the host and must not change.
+class ClFramegrabber {
+public:
+    virtual ~ClFramegrabber() {}
+
+    /*  1 */ virtual unsigned int GetInfo(char* buffer, unsigned long& size) = 0;
+    /*  2 */ virtual unsigned int GetVersion(char* buffer, unsigned long& size) = 0;
+    /*  3 */ virtual unsigned int FreeImage(unsigned char* image) = 0;
+    /*  4 */ virtual unsigned int GetLastError(char* buffer, unsigned long& size) = 0;
+    /*  5 */ virtual unsigned int SetCamera(unsigned int ch, eCameraIDs camera,
+                                            eColorModeIDs colorMode) = 0;
+    /*  6 */ virtual unsigned int GetImage(unsigned int ch, unsigned char** image) = 0;
+    /*  7 */ virtual unsigned int StartCapture(int handle, unsigned int ch, eCaptureModeIDs mode,
+                                               FGImageCallback image, FGResultCallback result,
+                                               FGErrorCallback error, FGWarningCallback warning,
+                                               void* user) = 0;
+    /*  8 */ virtual unsigned int StopCapture(unsigned int ch) = 0;
+    /*  9 */ virtual unsigned int SetFilter(unsigned int ch, eFilterIDs filter) = 0;
+    /* 10 */ virtual unsigned int RefreshBackGround(unsigned int ch) = 0;
+    /* 11 */ virtual unsigned int SetResolution(unsigned int ch,
+                                                const ClImageResolution& resolution) = 0;
+    /* 12 */ virtual unsigned int SetFGProperty(ePropertyIDs property, unsigned int value) = 0;
+    /* 13 */ virtual unsigned int GetFGProperty(ePropertyIDs property, unsigned int& value) = 0;
+    /* 14 */ virtual unsigned int Freeze(unsigned int ch, bool freeze) = 0;
+    /* 15 */ virtual unsigned int AvailableCameras(eCameraIDs* list, unsigned long& count) = 0;
+    /* 16 */ virtual unsigned int AvailableColorModes(eColorModeIDs* list,
+                                                      unsigned long& count) = 0;
+    /* 17 */ virtual unsigned int AvailableDetections(eCaptureModeIDs* list,
+                                                      unsigned long& count) = 0;
+    /* 18 */ virtual unsigned int AvailableFilters(eFilterIDs* list, unsigned long& count) = 0;
+    /* 19 */ virtual unsigned int AvailableProperties(ePropertyIDs* list,
+                                                      unsigned long& count) = 0;
+    /* 20 */ virtual unsigned int EnableEvents(int handle, unsigned int ch,
+                                               FGEventCallback callback, void* user) = 0;
+    /* 21 */ virtual unsigned int WriteEEPROM(const unsigned char* data, unsigned long& size) = 0;
+    /* 22 */ virtual unsigned int ReadEEPROM(unsigned char* data, unsigned long& size) = 0;
+    /* 23 */ virtual unsigned int SetAspectRatio(unsigned int ch, double x, double y) = 0;
+    /* 24 */ virtual unsigned int AvailableDevices(DeviceInfo* list, unsigned long& count) = 0;
+    /* 25 */ virtual unsigned int SetActiveDevice(unsigned long index) = 0;
+    /* 26 */ virtual unsigned int GetActiveDevice(unsigned long& index) = 0;
+    /* 27 */ virtual unsigned int ShowDialog(eDlgIDs dialog, unsigned long param) = 0;
+    /* 28 */ virtual unsigned int SaveSetting(unsigned int setting, unsigned long value) = 0;
+    /* 29 */ virtual unsigned int AvailableDialogs(unsigned long param, eDlgIDs* list,
+                                                   unsigned long& count) = 0;
+    /* 30 */ virtual unsigned int SetFGPropertyEx(unsigned int ch, ePropertyIDs property,
+                                                  unsigned long value) = 0;
+    /* 31 */ virtual unsigned int GetFGPropertyEx(unsigned int ch, ePropertyIDs property,
+                                                  unsigned long& value) = 0;
+    /* 32 */ virtual unsigned int AvailablePropertiesEx(ePropertyIDs* list,
+                                                        unsigned long& count) = 0;
+    /* 33 */ virtual unsigned int SetCallbacks(unsigned int ch, FGStartCallback start,
+                                               FGStopCallback stop) = 0;
+    /* 34 */ virtual unsigned int ContaminationDetection(unsigned long ch, double* result) = 0;
+};
+
+// Version of the plug-in ("major.minor.build.revision") with the text-getter
+// protocol described at the top of this header.
+class ClVersion {
+public:
+    ClVersion() = default;
+    ClVersion(int major, int minor, int build, int revision)
+        : m_nMajor(major),
+          m_nMinor(minor),
+          m_nBuild(build),
+          m_nRevision(revision),
+          m_strText(std::to_string(major) + "." + std::to_string(minor) + "." +
+                    std::to_string(build) + "." + std::to_string(revision)) {}
+    ClVersion(const ClVersion&) = default;
+    ClVersion& operator=(const ClVersion&) = default;
+    virtual ~ClVersion() = default;
+
+    // Null buffer: size = needed, returns 17. Otherwise copies
+    // min(needed, size) bytes, size = needed, returns 0.
+    unsigned int Version(char* buffer, unsigned long& size) const {
+        const unsigned long needed = static_cast<unsigned long>(m_strText.size()) + 1;
+        if (buffer == nullptr) {
+            size = needed;
+            return 17;
+        }
+        const unsigned long n = size < needed ? size : needed;
+        m_strText.copy(buffer, n > m_strText.size() ? m_strText.size() : n);
+        if (n == needed) {
+            buffer[needed - 1] = '\0';
+        }
+        size = needed;
+        return 0;
+    }
+
+    int Major() const { return m_nMajor; }
+    int Minor() const { return m_nMinor; }
+    int Build() const { return m_nBuild; }
+    int Revision() const { return m_nRevision; }
+    const std::string& Text() const { return m_strText; }
+
+private:
+    int m_nMajor = 0;
+    int m_nMinor = 0;
+    int m_nBuild = 0;
+    int m_nRevision = 0;
+    std::string m_strText;
+};
+
+}  // namespace vc
+
+// Entry points exported by the plug-in under these plain names.
+extern "C" {
+typedef vc::ClFramegrabber* (*FGGetFrameGrabberFn)();
+typedef void (*FGDestroyFrameGrabberFn)();
+}
