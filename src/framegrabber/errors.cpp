@@ -4,7 +4,9 @@
 
 namespace Nvk {
 
-const char* CXSystemException::GetDescription() const { return std::strerror(m_nErrorNumber); }
+const char* CXSystemException::GetDescription() const {
+    return std::strerror(m_nErrorNumber);
+}
 
 CXOtherException::CXOtherException(const char* text, int errorNumber)
     : m_nErrorNumber(errorNumber) {
@@ -18,7 +20,9 @@ CXOtherException::CXOtherException(const char* text, int errorNumber)
 namespace vc {
 
 namespace {
-std::string TextOrEmpty(const char* text) { return text ? std::string(text) : std::string(); }
+std::string TextOrEmpty(const char* text) {
+    return text ? std::string(text) : std::string();
+}
 }  // namespace
 
 FGError TranslateCurrentException(eHandlers handlers) {

@@ -147,8 +147,7 @@ constexpr const char* kCalibrationCorruptText = "The calibration data is corrupt
 constexpr int kApiVersion = 40;
 constexpr const char* kApiVersionText = "The QV2 API version isn't more supported";
 constexpr int kNoStorage = 51;
-constexpr const char* kNoStorageText =
-    "Not enough storage is available to complete this operation";
+constexpr const char* kNoStorageText = "Not enough storage is available to complete this operation";
 }  // namespace err
 
 // The (number, text) pair a caught exception becomes.

@@ -101,8 +101,8 @@ typedef void (*FGErrorCallback)(int handle, unsigned int tag, const char* text, 
 typedef void (*FGWarningCallback)(int handle, unsigned int tag, const char* text, void* user);
 typedef void (*FGStartCallback)(int handle, unsigned int tag, void* user);
 typedef void (*FGStopCallback)(int handle, unsigned int tag, void* user);
-typedef void (*FGEventCallback)(int handle, unsigned int channel, eFGs kind,
-                                unsigned int eventType, void* user);
+typedef void (*FGEventCallback)(int handle, unsigned int channel, eFGs kind, unsigned int eventType,
+                                void* user);
 
 // Output resolution in pixels per metre.
 class ClImageResolution {
@@ -166,8 +166,7 @@ public:
     /* 17 */ virtual unsigned int AvailableDetections(eCaptureModeIDs* list,
                                                       unsigned long& count) = 0;
     /* 18 */ virtual unsigned int AvailableFilters(eFilterIDs* list, unsigned long& count) = 0;
-    /* 19 */ virtual unsigned int AvailableProperties(ePropertyIDs* list,
-                                                      unsigned long& count) = 0;
+    /* 19 */ virtual unsigned int AvailableProperties(ePropertyIDs* list, unsigned long& count) = 0;
     /* 20 */ virtual unsigned int EnableEvents(int handle, unsigned int ch,
                                                FGEventCallback callback, void* user) = 0;
     /* 21 */ virtual unsigned int WriteEEPROM(const unsigned char* data, unsigned long& size) = 0;

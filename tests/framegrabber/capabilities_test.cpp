@@ -1,0 +1,106 @@
+#include "framegrabber/capabilities.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// The lists as the KR7 frame grabber fills them.
+class KR7Lists : public vc::ClFramegrabberImpl {
+public:
+    KR7Lists() {
+        m_vCameras = {vc::eCameraKR7};
+        m_vColorModes = {vc::eColorGray8};
+        m_vCaptureModes = {vc::eCaptureLive, vc::eCapturePlainFinger};
+        m_vFilters = {vc::eFilterNone};
+        m_vProperties = {vc::ePropFixedOne, vc::ePropFakeFingerDetection, vc::ePropRedLED,
+                         vc::ePropGreenLED};
+    }
+};
+
+TEST(ClFramegrabberImpl, ChecksSearchTheLists) {
+    KR7Lists lists;
+    EXPECT_TRUE(lists.CameraCheck(vc::eCameraKR7));
+    EXPECT_FALSE(lists.CameraCheck(vc::eCameraType5));
+    EXPECT_TRUE(lists.DetectionCheck(vc::eCapturePlainFinger));
+    EXPECT_FALSE(lists.DetectionCheck(vc::eCaptureRolledFinger));
+    EXPECT_TRUE(lists.FilterCheck(vc::eFilterNone));
+    EXPECT_FALSE(lists.FilterCheck(vc::eFilterSubtractBackground));
+    EXPECT_FALSE(vc::ClFramegrabberImpl().CameraCheck(vc::eCameraKR7));
+}
+
+TEST(ClFramegrabberImpl, ListCopyProtocol) {
+    KR7Lists lists;
+    unsigned long count = 99;
+    EXPECT_EQ(17u, lists.AvailableCameras(nullptr, count));
+    EXPECT_EQ(1u, count);
+
+    vc::ePropertyIDs props[4] = {};
+    count = 2;  // too small: the first two are copied
+    EXPECT_EQ(17u, lists.AvailableProperties(props, count));
+    EXPECT_EQ(4u, count);
+    EXPECT_EQ(vc::ePropFixedOne, props[0]);
+    EXPECT_EQ(vc::ePropFakeFingerDetection, props[1]);
+    EXPECT_EQ(0u, props[2]);  // untouched
+
+    count = 4;
+    EXPECT_EQ(0u, lists.AvailableProperties(props, count));
+    EXPECT_EQ(vc::ePropGreenLED, props[3]);
+
+    vc::eCaptureModeIDs modes[8];
+    count = 8;  // larger than needed: count shrinks to the length
+    EXPECT_EQ(0u, lists.AvailableDetections(modes, count));
+    EXPECT_EQ(2u, count);
+    EXPECT_EQ(vc::eCapturePlainFinger, modes[1]);
+
+    count = 0;  // the empty extended list always fits
+    EXPECT_EQ(0u, lists.AvailablePropertiesEx(props, count));
+    EXPECT_EQ(0u, count);
+    count = 0;
+    EXPECT_EQ(17u, lists.AvailableFilters(reinterpret_cast<vc::eFilterIDs*>(modes), count));
+    EXPECT_EQ(1u, count);
+}
+
+TEST(ClVCCamera, ParameterTable) {
+    vc::ClVCCamera c = vc::ClVCCamera::Create(vc::eCameraType2);
+    EXPECT_EQ(610u, c.m_nWidth);
+    EXPECT_EQ(480u, c.m_nHeight);
+    EXPECT_EQ(vc::ClImageResolution(20305, 19850), c);
+    EXPECT_EQ(30u, c.m_nRate);
+    EXPECT_FALSE(c.m_bFlip1);
+    EXPECT_TRUE(c.m_bFlip2);
+
+    c = vc::ClVCCamera::Create(vc::eCameraType6);
+    EXPECT_EQ(1u, c.m_nModeFlag);
+    EXPECT_EQ(vc::ClImageResolution(vc::ClImageResolution::DpiToPels(995),
+                                    vc::ClImageResolution::DpiToPels(606)),
+              c);
+    EXPECT_TRUE(c.m_bFlip1 && c.m_bFlip2);
+
+    c = vc::ClVCCamera::Create(vc::eCameraType7);
+    EXPECT_EQ(19684u, c.X());
+    c = vc::ClVCCamera::Create(vc::eCameraType3);
+    EXPECT_EQ(50u, c.m_nRate);
+    EXPECT_EQ(526u, c.m_nHeight);
+}
+
+TEST(ClVCCamera, KR7AndUnknownCamerasLeaveTheRecordAlone) {
+    vc::ClVCCamera kr7 = vc::ClVCCamera::Create(vc::eCameraKR7);
+    EXPECT_EQ(0u, kr7.m_nWidth);
+    EXPECT_EQ(vc::ClImageResolution(), kr7);
+    EXPECT_EQ(0, kr7.m_eCameraID);
+
+    vc::ClVCCamera c = vc::ClVCCamera::Create(vc::eCameraType9);
+    for (int id : {0, 8, 10, 1000, -3}) {
+        vc::ClVCCamera copy = c;
+        vc::ClVCCamera::SetCameraParam(copy, static_cast<vc::eCameraIDs>(id));
+        EXPECT_EQ(c.m_eCameraID, copy.m_eCameraID) << id;
+        EXPECT_EQ(c.m_nWidth, copy.m_nWidth) << id;
+    }
+    // Camera 1 only records its identifier.
+    vc::ClVCCamera::SetCameraParam(c, vc::eCameraType1);
+    EXPECT_EQ(vc::eCameraType1, c.m_eCameraID);
+    EXPECT_EQ(640u, c.m_nWidth);
+    EXPECT_TRUE(c.m_bFlip2);
+}
+
+}  // namespace
