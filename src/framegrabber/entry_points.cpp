@@ -11,7 +11,9 @@ const char* const m_szVersion = "Norvak_version libnorvakkr7fg 1.13.38.0";
 }  // namespace
 
 // The one frame-grabber object of the process, or null.
-extern "C" KR7_EXPORT vc::ClFramegrabber* m_pFrameGrabber = nullptr;
+extern "C" {
+KR7_EXPORT vc::ClFramegrabber* m_pFrameGrabber = nullptr;
+}
 
 KR7_EXPORT void ClientVersionDummyFunction() {
     std::string version(m_szVersion);

@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace vc {
@@ -214,11 +215,8 @@ public:
             size = needed;
             return 17;
         }
-        const unsigned long n = size < needed ? size : needed;
-        m_strText.copy(buffer, n > m_strText.size() ? m_strText.size() : n);
-        if (n == needed) {
-            buffer[needed - 1] = '\0';
-        }
+        // c_str() holds the text and its terminating zero: `needed` bytes.
+        std::memcpy(buffer, m_strText.c_str(), size < needed ? size : needed);
         size = needed;
         return 0;
     }
