@@ -248,8 +248,10 @@ protected:
     void Write(const Bytes& bytes) {
         std::FILE* f = std::fopen(m_path.c_str(), "wb");
         ASSERT_NE(f, nullptr);
-        ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+        const bool written =
+            bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
         std::fclose(f);
+        ASSERT_TRUE(written);
     }
     std::string m_path;
 };
