@@ -53,7 +53,7 @@ public:
 
 private:
     char m_szText[kTextSize];
-    char m_cGuard = '\0';  // never written: the stop for a cut text
+    [[maybe_unused]] char m_cGuard = '\0';  // never written: the stop for a cut text
     int m_nErrorNumber;
 };
 
