@@ -14,10 +14,11 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using Image = std::vector<std::uint8_t>;  // width * height, unpadded
 
+#define KR7_RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(dlsym(lib, #name))
+
 // The library's entry points, resolved the way the plug-in does.
 struct Sdk {
     explicit Sdk(const char* path) : lib(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-#define KR7_RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(dlsym(lib, #name))
         if (lib != nullptr) {
             KR7_RESOLVE(CalibrateCreate);
             KR7_RESOLVE(Calibrate);
@@ -26,10 +27,11 @@ struct Sdk {
             KR7_RESOLVE(CalibrateGetErrorDescription);
             KR7_RESOLVE(ContaminationDetection);
         }
-#undef KR7_RESOLVE
     }
     ~Sdk() {
-        lib != nullptr&& dlclose(lib);
+        if (lib != nullptr) {
+            dlclose(lib);
+        }
     }
     void* lib;
     decltype(&::CalibrateCreate) CalibrateCreate = nullptr;
