@@ -45,7 +45,8 @@ struct MasterRequest {
 
 // Growth statistics, for tests and benchmarks.
 struct GrowthStats {
-    int passes = 0;
+    int passes = 0;         // growth from the seeds
+    int defect_passes = 0;  // healing of the minutia-making defects
     double last_changed_fraction = 1.0;
     double pixel_updates = 0;  // number of kernel evaluations
 };
