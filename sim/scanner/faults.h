@@ -1,0 +1,88 @@
+// Fault injection and the call journal of the scanner API stand-in.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kr7sim {
+namespace scanner {
+
+// Every entry point of the library, in the order of its function table.
+enum class Entry : int {
+    OpenDevice,
+    CloseDevice,
+    SetOptions,
+    GetOptions,
+    GetImageSize,
+    GetFrame,
+    GetBacklightImage,
+    GetDarkImage,
+    GetImage,
+    IsFingerPresent,
+    Save7Bytes,
+    Restore7ControlBytes,
+    GetDiodesStatus,
+    SetDiodesStatus,
+    GetInterfaces,
+    SetBaseInterface,
+    GetBaseInterfaceNumber,
+    SaveSerialNumber,
+    GetImageByVariableDose,
+    GetImage2,
+    GetLastError,
+    SetLastError,
+    GetExtMemorySize,
+    SaveExtMemory,
+    RestoreExtMemory,
+    GetSerialNumber,
+    GetVersion,
+    Count
+};
+
+// The exported name of an entry point ("ftrScanGetFrame").
+const char* EntryName(Entry entry);
+
+// Injected failures: rules "NAME@N=CODE" (the N-th call fails once),
+// "NAME@N+=CODE" (the N-th and every later call) and "NAME@N-M=CODE" (calls
+// N to M), separated by ';' or ','. Calls are counted per entry point from 1
+// over the life of the process.
+class FaultPlan {
+public:
+    // Replaces the rules. False and a message for a malformed spec (the
+    // previous rules stay).
+    bool Parse(const std::string& spec, std::string& error);
+
+    // Counts one call of `entry`; the code it must fail with, 0 for none.
+    uint32_t OnCall(Entry entry);
+
+private:
+    struct Rule {
+        Entry entry;
+        uint64_t first, last;
+        uint32_t code;
+    };
+    std::vector<Rule> rules_;
+    std::atomic<uint64_t> calls_[static_cast<int>(Entry::Count)] = {};
+};
+
+// One line per API call, appended to a file and flushed at once so that the
+// record survives a crash of the host.
+class Journal {
+public:
+    ~Journal();
+    bool Open(const std::string& path, std::string& error);
+    bool enabled() const { return file_ != nullptr; }
+    void Write(const std::string& line);
+
+private:
+    std::mutex mutex_;
+    FILE* file_ = nullptr;
+    uint64_t sequence_ = 0;
+};
+
+}  // namespace scanner
+}  // namespace kr7sim

@@ -1,0 +1,634 @@
+#include "scanner/scenario.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "scanner/ftrscan.h"
+
+namespace kr7sim {
+namespace scanner {
+namespace {
+
+constexpr double kMaxSeconds = 7 * 24 * 3600.0;  // a week of frames fits easily in 32 bits
+constexpr size_t kMaxImageFile = 64u << 20;
+constexpr int kMaxImageSide = 4096;
+
+std::string Lower(std::string s) {
+    for (char& c : s)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+bool EndsWith(const std::string& s, const char* suffix) {
+    const size_t n = std::strlen(suffix);
+    return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+bool ParseNumber(const std::string& text, double& value) {
+    if (text.empty())
+        return false;
+    char* end = nullptr;
+    value = std::strtod(text.c_str(), &end);
+    return end == text.c_str() + text.size() && std::isfinite(value);
+}
+
+bool ParseUnsigned(const std::string& text, uint64_t& value) {
+    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])))
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtoull(text.c_str(), &end, 10);
+    return errno == 0 && end == text.c_str() + text.size();
+}
+
+bool ReadFile(const std::string& path, std::vector<uint8_t>& out, std::string& error) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        error = "cannot open " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    out.clear();
+    uint8_t chunk[65536];
+    size_t n = 0;
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
+        out.insert(out.end(), chunk, chunk + n);
+        if (out.size() > kMaxImageFile) {
+            std::fclose(f);
+            error = path + ": file too large";
+            return false;
+        }
+    }
+    const bool ok = !std::ferror(f);
+    std::fclose(f);
+    if (!ok)
+        error = "cannot read " + path;
+    return ok;
+}
+
+uint32_t Le32(const uint8_t* p) {
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+uint16_t Le16(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] | p[1] << 8);
+}
+
+bool DecodePgm(const std::vector<uint8_t>& d, GreyImage& out, std::string& why) {
+    size_t pos = 2;
+    long fields[3] = {0, 0, 0};
+    for (long& field : fields) {
+        while (pos < d.size() && (std::isspace(d[pos]) || d[pos] == '#')) {
+            if (d[pos] == '#') {
+                while (pos < d.size() && d[pos] != '\n')
+                    ++pos;
+            } else {
+                ++pos;
+            }
+        }
+        if (pos >= d.size() || !std::isdigit(d[pos])) {
+            why = "malformed PGM header";
+            return false;
+        }
+        while (pos < d.size() && std::isdigit(d[pos]) && field < 100000)
+            field = field * 10 + (d[pos++] - '0');
+    }
+    if (pos >= d.size() || !std::isspace(d[pos])) {
+        why = "malformed PGM header";
+        return false;
+    }
+    ++pos;  // the single white-space character before the pixels
+    const long w = fields[0], h = fields[1], maxval = fields[2];
+    if (w < 1 || h < 1 || w > kMaxImageSide || h > kMaxImageSide || maxval < 1 || maxval > 255) {
+        why = "unsupported PGM (8-bit grey up to 4096 x 4096 only)";
+        return false;
+    }
+    const size_t n = static_cast<size_t>(w) * h;
+    if (d.size() - pos < n) {
+        why = "truncated PGM";
+        return false;
+    }
+    out.width = int(w);
+    out.height = int(h);
+    out.pixels.assign(d.begin() + long(pos), d.begin() + long(pos + n));
+    if (maxval != 255) {
+        for (uint8_t& v : out.pixels)
+            v = static_cast<uint8_t>(std::min<long>(255, (v * 255 + maxval / 2) / maxval));
+    }
+    return true;
+}
+
+bool DecodeBmp(const std::vector<uint8_t>& d, GreyImage& out, std::string& why) {
+    if (d.size() < 54) {
+        why = "truncated BMP";
+        return false;
+    }
+    const uint32_t offset = Le32(&d[10]), header = Le32(&d[14]);
+    const int32_t w = int32_t(Le32(&d[18])), h_raw = int32_t(Le32(&d[22]));
+    const uint16_t bpp = Le16(&d[28]);
+    const uint32_t compression = Le32(&d[30]);
+    uint32_t colours = Le32(&d[46]);
+    const bool top_down = h_raw < 0;
+    const int64_t h = top_down ? -int64_t(h_raw) : int64_t(h_raw);
+    if (header < 40 || w < 1 || h < 1 || w > kMaxImageSide || h > kMaxImageSide ||
+        (bpp != 8 && bpp != 24 && bpp != 32) || compression != 0) {
+        why = "unsupported BMP (uncompressed 8, 24 or 32 bits per pixel only)";
+        return false;
+    }
+    if (bpp == 8 && colours == 0)
+        colours = 256;
+    if (colours > 256) {
+        why = "malformed BMP palette";
+        return false;
+    }
+    const uint64_t palette = 14ull + header;
+    const uint64_t stride = ((uint64_t(w) * bpp + 31) / 32) * 4;
+    if ((bpp == 8 && palette + 4ull * colours > d.size()) || offset > d.size() ||
+        d.size() - offset < stride * uint64_t(h)) {
+        why = "truncated BMP";
+        return false;
+    }
+    uint8_t grey[256] = {};
+    for (uint32_t i = 0; bpp == 8 && i < colours; ++i) {
+        const uint8_t* e = &d[palette + 4ull * i];
+        grey[i] = static_cast<uint8_t>((e[0] + e[1] + e[2] + 1) / 3);
+    }
+    out.width = w;
+    out.height = int(h);
+    out.pixels.resize(size_t(w) * size_t(h));
+    for (int64_t y = 0; y < h; ++y) {
+        const uint8_t* row = &d[offset + stride * uint64_t(top_down ? y : h - 1 - y)];
+        uint8_t* dst = &out.pixels[size_t(y) * size_t(w)];
+        for (int32_t x = 0; x < w; ++x) {
+            if (bpp == 8) {
+                dst[x] = grey[row[x]];
+            } else {
+                const uint8_t* p = row + size_t(x) * (bpp / 8);
+                dst[x] = static_cast<uint8_t>((p[0] + p[1] + p[2] + 1) / 3);
+            }
+        }
+    }
+    return true;
+}
+
+bool LoadFolder(const std::string& folder, std::vector<GreyImage>& frames, std::string& error) {
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr) {
+        error = "cannot open folder " + folder + ": " + std::strerror(errno);
+        return false;
+    }
+    std::vector<std::string> names;
+    while (const dirent* e = readdir(dir)) {
+        const std::string name = Lower(e->d_name);
+        if (EndsWith(name, ".pgm") || EndsWith(name, ".bmp"))
+            names.emplace_back(e->d_name);
+    }
+    closedir(dir);
+    if (names.empty()) {
+        error = "no .pgm or .bmp frames in " + folder;
+        return false;
+    }
+    std::sort(names.begin(), names.end());
+    frames.resize(names.size());
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (!LoadGreyImage(folder + "/" + names[i], frames[i], error))
+            return false;
+    }
+    return true;
+}
+
+// One step of the script, split into words: the keyword, positional words
+// and key=value options.
+struct Step {
+    std::string keyword;
+    std::vector<std::string> positional;
+    std::map<std::string, std::string> options;
+};
+
+class Compiler {
+public:
+    Compiler(uint64_t seed, std::string base_dir) : seed_(seed), base_dir_(std::move(base_dir)) {}
+
+    bool Run(const std::string& text, std::vector<Segment>& segments, Segment& tail,
+             std::vector<FingerSpec>& fingers, std::vector<ReplaySpec>& replays, uint32_t& repeats,
+             std::string& error);
+
+private:
+    bool Compile(const Step& step, std::string& error);
+    bool Allow(const Step& step, std::initializer_list<const char*> keys, size_t positional,
+               std::string& error) const;
+    bool Duration(const Step& step, size_t index, uint32_t fallback, uint32_t& frames,
+                  std::string& error) const;
+    bool FingerOptions(const Step& step, FingerSpec& finger, std::string& error) const;
+    void Lift() {
+        if (current_ >= 0)
+            fingers_[size_t(current_)].params.lift_frame = now_;
+        current_ = -1;
+    }
+    void Add(uint32_t frames, Segment s) {
+        if (frames == 0)
+            return;
+        s.start = now_;
+        s.end = now_ + frames;
+        s.dirt = dirt_;
+        s.line = line_;
+        now_ = s.end;
+        segments_.push_back(s);
+    }
+    int NewFinger(FingerSpec spec) {
+        spec.params.touch_frame = now_;
+        spec.params.impression = static_cast<uint32_t>(fingers_.size());
+        fingers_.push_back(spec);
+        return int(fingers_.size()) - 1;
+    }
+
+    uint64_t seed_;
+    std::string base_dir_;
+    std::vector<Segment> segments_;
+    std::vector<FingerSpec> fingers_;
+    std::vector<ReplaySpec> replays_;
+    uint32_t now_ = 0;
+    int current_ = -1;
+    int dirt_ = -1;
+    int line_ = 0;
+    bool repeat_seen_ = false;
+    uint32_t repeats_ = 1;
+};
+
+bool Compiler::Allow(const Step& step, std::initializer_list<const char*> keys, size_t positional,
+                     std::string& error) const {
+    for (const auto& option : step.options) {
+        if (std::none_of(keys.begin(), keys.end(),
+                         [&](const char* k) { return option.first == k; })) {
+            error = "unknown option '" + option.first + "' for '" + step.keyword + "'";
+            return false;
+        }
+    }
+    if (step.positional.size() > positional) {
+        error = "unexpected '" + step.positional[positional] + "' after '" + step.keyword + "'";
+        return false;
+    }
+    return true;
+}
+
+bool Compiler::Duration(const Step& step, size_t index, uint32_t fallback, uint32_t& frames,
+                        std::string& error) const {
+    if (index >= step.positional.size()) {
+        frames = fallback;
+        return true;
+    }
+    if (!ParseDuration(step.positional[index], frames)) {
+        error = "bad duration '" + step.positional[index] + "' (use e.g. 2s, 250ms or 12f)";
+        return false;
+    }
+    return true;
+}
+
+bool Compiler::FingerOptions(const Step& step, FingerSpec& finger, std::string& error) const {
+    ImpressionParams& p = finger.params;
+    p.finger_seed = seed_;
+    for (const auto& [key, value] : step.options) {
+        bool ok = true;
+        if (key == "finger") {
+            ok = ParseUnsigned(value, p.finger_seed);
+        } else if (key == "pressure") {
+            ok = ParseNumber(value, p.pressure) && p.pressure >= 0.1 && p.pressure <= 3.0;
+        } else if (key == "skin") {
+            const std::string v = Lower(value);
+            ok = v == "dry" || v == "normal" || v == "wet";
+            p.skin = v == "dry" ? Skin::Dry : v == "wet" ? Skin::Wet : Skin::Normal;
+        } else if (key == "press") {
+            ok = ParseDuration(value, p.press_frames);
+        } else if (key == "over") {
+            ok = ParseDuration(value, p.roll_frames) && p.roll_frames > 0;
+        } else if (key == "pose") {
+            const std::string v = Lower(value);
+            ok = v == "random" || v == "centred" || v == "centered";
+            p.random_pose = v == "random";
+        } else if (key == "from") {
+            const std::string v = Lower(value);
+            ok = v == "left" || v == "right";
+            finger.from_right = v == "right";
+        }
+        if (!ok) {
+            error = "bad value '" + value + "' for option '" + key + "'";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Compiler::Compile(const Step& step, std::string& error) {
+    const std::string& k = step.keyword;
+    if (repeat_seen_) {
+        error = "'repeat' must be the last step";
+        return false;
+    }
+    uint32_t frames = 0;
+    const auto seconds = [](double s) {
+        return static_cast<uint32_t>(std::lround(s / kFramePeriodSeconds));
+    };
+    if (k == "seed") {
+        if (!Allow(step, {}, 1, error))
+            return false;
+        if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], seed_)) {
+            error = "'seed' needs a number";
+            return false;
+        }
+        return true;
+    }
+    if (k == "empty" || k == "lift") {
+        if (!Allow(step, {}, 1, error) ||
+            !Duration(step, 0, k == "empty" ? seconds(1) : 0, frames, error))
+            return false;
+        Lift();
+        Segment s;
+        s.step = k == "empty" ? "empty" : "lift";
+        Add(frames, s);
+        return true;
+    }
+    if (k == "hold" || k == "wait") {
+        if (!Allow(step, {}, 1, error) || !Duration(step, 0, seconds(1), frames, error))
+            return false;
+        Segment s;
+        s.step = "hold";
+        s.finger = current_;
+        Add(frames, s);
+        return true;
+    }
+    if (k == "place" || k == "fake" || k == "roll") {
+        const bool roll = k == "roll";
+        if (!Allow(step,
+                   roll ? std::initializer_list<const char*>{"finger", "pressure", "skin", "press",
+                                                             "over", "pose", "from"}
+                        : std::initializer_list<const char*>{"finger", "pressure", "skin", "press",
+                                                             "pose"},
+                   roll ? 0 : 1, error))
+            return false;
+        FingerSpec finger;
+        finger.fake = k == "fake";
+        if (roll)
+            finger.params.kind = ImpressionKind::Rolled;
+        if (!FingerOptions(step, finger, error))
+            return false;
+        const uint32_t fallback = roll ? finger.params.press_frames + finger.params.roll_frames + 1
+                                  : k == "fake" ? seconds(1)
+                                                : finger.params.press_frames;
+        if (!Duration(step, 0, fallback, frames, error))
+            return false;
+        Lift();
+        Segment s;
+        s.step = roll ? "roll" : finger.fake ? "fake" : "place";
+        s.finger = current_ = NewFinger(finger);
+        Add(frames, s);
+        if (roll || finger.fake)
+            Lift();
+        return true;
+    }
+    if (k == "move" || k == "movable" || k == "emptyframe" || k == "unplug") {
+        if (!Allow(step, {}, 1, error) ||
+            !Duration(step, 0, k == "unplug" ? seconds(2) : seconds(0.5), frames, error))
+            return false;
+        Segment s;
+        if (k == "unplug") {
+            s.step = "unplug";
+            s.unplugged = true;
+        } else if (k == "emptyframe") {
+            s.step = "emptyframe";
+            s.capture_error = FTR_ERROR_EMPTY_FRAME;
+        } else {
+            if (current_ < 0) {  // a moving finger needs a finger
+                FingerSpec finger;
+                finger.params.finger_seed = seed_;
+                current_ = NewFinger(finger);
+            }
+            s.step = "move";
+            s.capture_error = FTR_ERROR_MOVABLE_FINGER;
+        }
+        s.finger = current_;
+        Add(frames, s);
+        return true;
+    }
+    if (k == "dirt") {
+        uint64_t spots = 0;
+        if (!Allow(step, {}, 1, error))
+            return false;
+        if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], spots) ||
+            spots > 50) {
+            error = "'dirt' needs a number of spots from 0 to 50";
+            return false;
+        }
+        dirt_ = int(spots);
+        return true;
+    }
+    if (k == "replay") {
+        if (!Allow(step, {"as"}, 2, error))
+            return false;
+        if (step.positional.empty()) {
+            error = "'replay' needs a folder";
+            return false;
+        }
+        ReplaySpec replay;
+        replay.folder = step.positional[0];
+        if (!replay.folder.empty() && replay.folder[0] != '/' && !base_dir_.empty())
+            replay.folder = base_dir_ + "/" + replay.folder;
+        if (auto it = step.options.find("as"); it != step.options.end()) {
+            const std::string v = Lower(it->second);
+            if (v != "raw" && v != "platen") {
+                error = "bad value '" + it->second + "' for option 'as' (platen or raw)";
+                return false;
+            }
+            replay.raw = v == "raw";
+        }
+        if (!LoadFolder(replay.folder, replay.frames, error))
+            return false;
+        if (!Duration(step, 1, uint32_t(replay.frames.size()), frames, error))
+            return false;
+        Lift();
+        replays_.push_back(std::move(replay));
+        Segment s;
+        s.step = "replay";
+        s.replay = int(replays_.size()) - 1;
+        Add(frames, s);
+        return true;
+    }
+    if (k == "repeat") {
+        uint64_t count = 0;
+        if (!Allow(step, {}, 1, error))
+            return false;
+        if (!step.positional.empty() &&
+            (!ParseUnsigned(step.positional[0], count) || count < 1 || count > 1000000)) {
+            error = "'repeat' takes a count of at least 1 (none = forever)";
+            return false;
+        }
+        repeat_seen_ = true;
+        repeats_ = uint32_t(count);
+        return true;
+    }
+    error = "unknown step '" + k + "'";
+    return false;
+}
+
+bool Compiler::Run(const std::string& text, std::vector<Segment>& segments, Segment& tail,
+                   std::vector<FingerSpec>& fingers, std::vector<ReplaySpec>& replays,
+                   uint32_t& repeats, std::string& error) {
+    size_t pos = 0;
+    int line = 1;
+    while (pos <= text.size()) {
+        size_t end = text.find_first_of(";\n", pos);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string piece = text.substr(pos, end - pos);
+        if (const size_t hash = piece.find('#'); hash != std::string::npos)
+            piece.erase(hash);
+        line_ = line;
+        Step step;
+        size_t p = 0;
+        while (true) {
+            while (p < piece.size() && std::isspace(static_cast<unsigned char>(piece[p])))
+                ++p;
+            if (p >= piece.size())
+                break;
+            size_t q = p;
+            while (q < piece.size() && !std::isspace(static_cast<unsigned char>(piece[q])))
+                ++q;
+            const std::string word = piece.substr(p, q - p);
+            p = q;
+            const size_t eq = word.find('=');
+            if (step.keyword.empty()) {
+                step.keyword = Lower(word);
+            } else if (eq != std::string::npos && eq > 0) {
+                step.options[Lower(word.substr(0, eq))] = word.substr(eq + 1);
+            } else {
+                step.positional.push_back(word);
+            }
+        }
+        if (!step.keyword.empty() && !Compile(step, error)) {
+            error = std::to_string(line) + ": " + error;
+            return false;
+        }
+        if (end < text.size() && text[end] == '\n')
+            ++line;
+        pos = end + 1;
+    }
+    if (now_ == 0 && repeats_ != 1)
+        repeats_ = 1;  // nothing to repeat
+    // What stays after the end: a finger that was never lifted, the dirt.
+    tail = Segment{};
+    tail.start = tail.end = now_;
+    tail.finger = current_;
+    tail.dirt = dirt_;
+    tail.step = "end";
+    segments.swap(segments_);
+    fingers.swap(fingers_);
+    replays.swap(replays_);
+    repeats = repeats_;
+    return true;
+}
+
+}  // namespace
+
+bool ParseDuration(const std::string& text, uint32_t& frames) {
+    std::string t = Lower(text);
+    double scale = 1.0 / kFramePeriodSeconds;  // seconds
+    if (EndsWith(t, "ms")) {
+        scale = 0.001 / kFramePeriodSeconds;
+        t.resize(t.size() - 2);
+    } else if (EndsWith(t, "s")) {
+        t.resize(t.size() - 1);
+    } else if (EndsWith(t, "f")) {
+        scale = 1.0;
+        t.resize(t.size() - 1);
+    }
+    double value = 0;
+    if (!ParseNumber(t, value) || value < 0 || value * scale > kMaxSeconds / kFramePeriodSeconds)
+        return false;
+    frames = static_cast<uint32_t>(std::lround(value * scale));
+    return true;
+}
+
+bool LoadGreyImage(const std::string& path, GreyImage& out, std::string& error) {
+    std::vector<uint8_t> data;
+    if (!ReadFile(path, data, error))
+        return false;
+    std::string why;
+    bool ok = false;
+    if (data.size() >= 2 && data[0] == 'P' && data[1] == '5') {
+        ok = DecodePgm(data, out, why);
+    } else if (data.size() >= 2 && data[0] == 'B' && data[1] == 'M') {
+        ok = DecodeBmp(data, out, why);
+    } else {
+        why = "neither a binary PGM nor a BMP file";
+    }
+    if (!ok)
+        error = path + ": " + why;
+    return ok;
+}
+
+const char* Scenario::DefaultScript() {
+    return "empty 1s\n"
+           "place 0.3s\n"
+           "hold 2s\n"
+           "lift 1s\n"
+           "repeat\n";
+}
+
+std::shared_ptr<const Scenario> Scenario::Parse(const std::string& text, const std::string& source,
+                                                uint64_t default_seed, std::string& error) {
+    std::string base_dir;
+    if (const size_t slash = source.rfind('/'); slash != std::string::npos)
+        base_dir = source.substr(0, slash);
+    auto scenario = std::shared_ptr<Scenario>(new Scenario);
+    Compiler compiler(default_seed, base_dir);
+    if (!compiler.Run(text, scenario->segments_, scenario->tail_, scenario->fingers_,
+                      scenario->replays_, scenario->repeats_, error)) {
+        error = source + ":" + error;
+        return nullptr;
+    }
+    scenario->cycle_ = scenario->segments_.empty() ? 0 : scenario->segments_.back().end;
+    for (const Segment& s : scenario->segments_)
+        scenario->unplugs_per_cycle_ += s.unplugged ? 1 : 0;
+    return scenario;
+}
+
+Scenario::State Scenario::At(uint64_t frame) const {
+    State state;
+    const uint64_t total = uint64_t(cycle_) * repeats_;
+    if (cycle_ > 0 && (repeats_ == 0 || frame < total)) {
+        state.cycle = frame / cycle_;
+        state.local = frame % cycle_;
+        const auto it =
+            std::upper_bound(segments_.begin(), segments_.end(), state.local,
+                             [](uint64_t local, const Segment& s) { return local < s.end; });
+        state.segment = &*it;  // segments cover the cycle, so `it` is valid
+        state.start = state.cycle * cycle_ + it->start;
+        return state;
+    }
+    state.segment = &tail_;
+    state.cycle = repeats_ > 0 ? repeats_ - 1 : 0;
+    state.local = frame - state.cycle * cycle_;
+    state.start = total;
+    return state;
+}
+
+uint64_t Scenario::UnplugsUpTo(uint64_t frame) const {
+    if (unplugs_per_cycle_ == 0)
+        return 0;
+    const uint64_t cycle = frame / cycle_;
+    if (repeats_ != 0 && cycle >= repeats_)
+        return uint64_t(repeats_) * unplugs_per_cycle_;
+    uint64_t count = cycle * unplugs_per_cycle_;
+    const uint64_t local = frame % cycle_;
+    for (const Segment& s : segments_)
+        count += s.unplugged && s.start <= local ? 1 : 0;
+    return count;
+}
+
+}  // namespace scanner
+}  // namespace kr7sim
