@@ -21,19 +21,19 @@ namespace scantest {
 using Env = std::map<std::string, std::string>;
 using Frame = std::vector<uint8_t>;
 
-#define KR7_SCAN_ENTRIES(X)                                                                        \
-    X(ftrScanOpenDevice)                                                                           \
-    X(ftrScanCloseDevice)                                                                          \
-    X(ftrScanSetOptions) X(ftrScanGetOptions) X(ftrScanGetImageSize) X(ftrScanGetFrame)            \
-        X(ftrScanGetBacklightImage) X(ftrScanGetDarkImage) X(ftrScanGetImage)                      \
-            X(ftrScanIsFingerPresent) X(ftrScanSave7Bytes) X(ftrScanRestore7ControlBytes)          \
-                X(ftrScanGetDiodesStatus) X(ftrScanSetDiodesStatus) X(ftrScanGetInterfaces)        \
-                    X(ftrSetBaseInterface) X(ftrGetBaseInterfaceNumber) X(ftrScanSaveSerialNumber) \
-                        X(ftrScanGetImageByVariableDose) X(ftrScanGetImage2)                       \
-                            X(ftrScanGetLastError) X(ftrScanSetLastError)                          \
-                                X(ftrScanGetExtMemorySize) X(ftrScanSaveExtMemory)                 \
-                                    X(ftrScanRestoreExtMemory) X(ftrScanGetSerialNumber)           \
-                                        X(ftrScanGetVersion)
+#define KR7_SCAN_ENTRIES(X)                                                                      \
+    X(ftrScanOpenDevice)                                                                         \
+    X(ftrScanCloseDevice)                                                                        \
+    X(ftrScanSetOptions)                                                                         \
+    X(ftrScanGetOptions) X(ftrScanGetImageSize) X(ftrScanGetFrame) X(ftrScanGetBacklightImage)   \
+        X(ftrScanGetDarkImage) X(ftrScanGetImage) X(ftrScanIsFingerPresent) X(ftrScanSave7Bytes) \
+            X(ftrScanRestore7ControlBytes) X(ftrScanGetDiodesStatus) X(ftrScanSetDiodesStatus)   \
+                X(ftrScanGetInterfaces) X(ftrSetBaseInterface) X(ftrGetBaseInterfaceNumber)      \
+                    X(ftrScanSaveSerialNumber) X(ftrScanGetImageByVariableDose)                  \
+                        X(ftrScanGetImage2) X(ftrScanGetLastError) X(ftrScanSetLastError)        \
+                            X(ftrScanGetExtMemorySize) X(ftrScanSaveExtMemory)                   \
+                                X(ftrScanRestoreExtMemory) X(ftrScanGetSerialNumber)             \
+                                    X(ftrScanGetVersion)
 
 struct Scanner {
     explicit Scanner(const Env& env = {}, const char* path = KR7_SCANNER_PATH) {
