@@ -90,7 +90,7 @@ void ClRolledFingerVC1::Initialize(const ClSimpleBitmap& image) {
 
 void ClRolledFingerVC1::TakeBackground(const ClSimpleBitmap& image) {
     const detail::FrameView view = detail::View(image);
-    detail::ColumnSums(view, m_vFrameSums, m_vScratch);
+    detail::ColumnSums(view, m_vFrameSums);
     long threshold = view.width * 255L;
     m_vColumnSums.resize(static_cast<std::size_t>(view.width));
     for (std::size_t c = 0; c < m_vColumnSums.size(); ++c) {
@@ -112,40 +112,23 @@ void ClRolledFingerVC1::Compose(const ClSimpleBitmap& input, ClSimpleBitmap& out
         detail::CopyFrame(output, m_Composed);
         return;
     }
-    // Columns darker than ever before are taken over (the mask marks them).
-    m_vMask.assign(static_cast<std::size_t>(view.stride), 0);
+    // Columns darker than ever before are taken over: marked in a byte mask
+    // and copied in one pass over the rows of their span.
+    m_vTaken.assign(static_cast<std::size_t>(view.width), 0);
     long firstColumn = view.width;
     long lastColumn = -1;
     for (long c = 0; c < view.width; ++c) {
         const long sum = m_vFrameSums[static_cast<std::size_t>(c)];
         if (sum < m_vColumnSums[static_cast<std::size_t>(c)]) {
             m_vColumnSums[static_cast<std::size_t>(c)] = sum;
-            m_vMask[static_cast<std::size_t>(c)] = 0xFF;
+            m_vTaken[static_cast<std::size_t>(c)] = 0xFF;
             firstColumn = std::min(firstColumn, c);
             lastColumn = c;
         }
     }
-    if (lastColumn < 0) {
-        detail::CopyFrame(output, m_Composed);
-        return;
-    }
-    // One pass over the rows updates the composed image and writes it to output.
-    unsigned char* out = detail::PrepareCopy(output, m_Composed);
-    unsigned char* composed = m_Composed.Pixel();
-    const unsigned char* mask = m_vMask.data();
-    const long spanEnd = lastColumn + 1;
-    for (long y = 0; y < view.height; ++y) {
-        const unsigned char* in = view.Row(y);
-        unsigned char* comp = composed + y * view.stride;
-        unsigned char* dst = out + y * view.stride;
-        for (long c = firstColumn; c < spanEnd; ++c) {
-            const unsigned char m = mask[c];
-            comp[c] = static_cast<unsigned char>((in[c] & m) | (comp[c] & ~m));
-        }
-        if (dst != comp) {
-            std::memcpy(dst, comp, static_cast<std::size_t>(view.stride));
-        }
-    }
+    detail::TakeColumns(view.pixels, m_Composed.Pixel(), view.height, view.stride, m_vTaken.data(),
+                        firstColumn, lastColumn + 1);
+    detail::CopyFrame(output, m_Composed);
 }
 
 bool ClRolledFingerVC1::Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) {
@@ -165,7 +148,7 @@ bool ClRolledFingerVC1::Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) {
         return false;
     }
     // Rolling: the column sums of this frame give the finger test as well.
-    const std::uint64_t total = detail::ColumnSums(view, m_vFrameSums, m_vScratch);
+    const std::uint64_t total = detail::ColumnSums(view, m_vFrameSums);
     if (m_nReferenceGray - detail::WholeAverage(input, view, total) > 19) {
         Compose(input, output);
         return false;
@@ -215,10 +198,8 @@ long ClRolledFinger::Gray_Avarage(const ClSimpleBitmap& image, eDetectArea area)
         const long first = area == eLeftStrip ? 0 : std::max(view.width - m_cnDetectRowCount, 0L);
         const long last =
             area == eLeftStrip ? std::min(m_cnDetectRowCount, view.width) : view.width;
-        for (long y = 0; y < view.height; ++y) {
-            total += static_cast<std::int64_t>(
-                detail::SumBytes(view.Row(y) + first, static_cast<std::size_t>(last - first)));
-        }
+        total = static_cast<std::int64_t>(
+            detail::SumStrip(view.pixels + first, view.height, view.stride, last - first));
     }
     return detail::TruncatedMean(total,
                                  static_cast<std::int64_t>(view.height) * m_cnDetectRowCount);
@@ -318,28 +299,40 @@ void ClRolledFinger::CalculateLineRand(const ClSimpleBitmap& image,
     }
 }
 
-void ClRolledFinger::CopyBitmapRow(const ClSimpleBitmap& from, ClSimpleBitmap& to, long row,
-                                   long begin, long end) {
-    const detail::FrameView source = detail::View(from);
-    const detail::FrameView target = detail::View(to);
+namespace {
+
+// Pixels [begin, end) of `row` from `source` to the same bytes of `target`
+// (source's row stride for both), kept inside both images.
+void CopyRowSpan(const detail::FrameView& source, unsigned char* target, long targetSize, long row,
+                 long begin, long end) {
     begin = std::max(begin, 0L);
     end = std::min(end, source.width);
     if (end <= begin || row < 0 || row >= source.height) {
         return;
     }
     const long at = row * source.stride + begin;
-    const long count = std::min(end - begin, target.size - at);
+    const long count = std::min(end - begin, targetSize - at);
     if (count > 0) {
-        std::memcpy(to.Pixel() + at, source.pixels + at, static_cast<std::size_t>(count));
+        std::memcpy(target + at, source.pixels + at, static_cast<std::size_t>(count));
     }
+}
+
+}  // namespace
+
+void ClRolledFinger::CopyBitmapRow(const ClSimpleBitmap& from, ClSimpleBitmap& to, long row,
+                                   long begin, long end) {
+    CopyRowSpan(detail::View(from), to.Pixel(), detail::View(to).size, row, begin, end);
 }
 
 void ClRolledFinger::BitmapProfilCopy(const ClSimpleBitmap& from, ClSimpleBitmap& to,
                                       const std::vector<unsigned char>& borders,
                                       const std::vector<unsigned char>& newBorders) {
+    const detail::FrameView source = detail::View(from);
+    unsigned char* target = to.Pixel();
+    const long targetSize = detail::View(to).size;
     const std::size_t rows = std::min(borders.size(), newBorders.size());
     for (std::size_t y = 0; y < rows; ++y) {
-        CopyBitmapRow(from, to, static_cast<long>(y), borders[y], newBorders[y]);
+        CopyRowSpan(source, target, targetSize, static_cast<long>(y), borders[y], newBorders[y]);
     }
 }
 

@@ -60,8 +60,7 @@ private:
 
     // Working storage reused from frame to frame (no meaning between frames).
     std::vector<std::uint32_t> m_vFrameSums;
-    std::vector<std::uint16_t> m_vScratch;
-    std::vector<unsigned char> m_vMask;
+    std::vector<unsigned char> m_vTaken;
 };
 
 // Composes row spans from a moving vertical border: while the finger rolls,
