@@ -175,82 +175,100 @@ __attribute__((target("avx2"))) std::uint64_t StripAvx2(const unsigned char* p, 
     return total;
 }
 
-// One strip of 64 columns starting at q, held in four registers over all
-// rows; lanes outside `keep` (a byte mask) add nothing. Its sums go to
-// sums[0 .. 63].
-__attribute__((target("avx2"))) inline void Strip64Avx2(const unsigned char* q, long rows,
-                                                        long stride, __m256i keep0, __m256i keep1,
-                                                        std::uint32_t* sums) {
-    const __m256i low = _mm256_set1_epi16(0x00FF);
-    for (long y0 = 0; y0 < rows; y0 += kBand) {
-        const long y1 = std::min(rows, y0 + kBand);
-        __m256i e0 = _mm256_setzero_si256();
-        __m256i o0 = e0;
-        __m256i e1 = e0;
-        __m256i o1 = e0;
-        const unsigned char* r = q + y0 * stride;
-        for (long y = y0; y < y1; ++y, r += stride) {
-            const __m256i v0 =
-                _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(r)), keep0);
-            const __m256i v1 = _mm256_and_si256(
-                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r + 32)), keep1);
-            e0 = _mm256_add_epi16(e0, _mm256_and_si256(v0, low));
-            o0 = _mm256_add_epi16(o0, _mm256_srli_epi16(v0, 8));
-            e1 = _mm256_add_epi16(e1, _mm256_and_si256(v1, low));
-            o1 = _mm256_add_epi16(o1, _mm256_srli_epi16(v1, 8));
-        }
-        alignas(32) std::uint16_t t[4][16];
-        _mm256_store_si256(reinterpret_cast<__m256i*>(t[0]), e0);
-        _mm256_store_si256(reinterpret_cast<__m256i*>(t[1]), o0);
-        _mm256_store_si256(reinterpret_cast<__m256i*>(t[2]), e1);
-        _mm256_store_si256(reinterpret_cast<__m256i*>(t[3]), o1);
-        for (int k = 0; k < 16; ++k) {
-            sums[2 * k] += t[0][k];
-            sums[2 * k + 1] += t[1][k];
-            sums[32 + 2 * k] += t[2][k];
-            sums[32 + 2 * k + 1] += t[3][k];
-        }
-    }
-}
-
-// Byte mask of the lanes [from, to) of a 64-byte strip, as two halves.
-__attribute__((target("avx2"))) inline void LaneMask(int from, int to, __m256i& keep0,
-                                                     __m256i& keep1) {
+// Byte mask of the lanes [from, 64) of a 64-byte strip, as two halves.
+__attribute__((target("avx2"))) inline void LaneMask(long from, __m256i& keep0, __m256i& keep1) {
     alignas(32) unsigned char bytes[64];
-    for (int k = 0; k < 64; ++k) {
-        bytes[k] = static_cast<unsigned char>(k >= from && k < to ? 0xFF : 0x00);
+    for (long k = 0; k < 64; ++k) {
+        bytes[k] = static_cast<unsigned char>(k >= from ? 0xFF : 0x00);
     }
     keep0 = _mm256_load_si256(reinterpret_cast<const __m256i*>(bytes));
     keep1 = _mm256_load_si256(reinterpret_cast<const __m256i*>(bytes + 32));
 }
 
-// Strips of 64 columns walked down the rows. Full strips start on a cache
-// line of the first row (for the usual strides, of every row) so that each
-// line is read once; the columns before and after them are taken by one
-// masked strip each.
+// Column sums in strips of 64 columns. The rows are walked in blocks of 32
+// rows, all strips of a block before the next block, so the block stays in
+// the first-level cache and a cache line shared by two strips is fetched
+// once. Each strip keeps 16-bit partial sums in four registers while it walks
+// a block (parked in `parked` between blocks): per lane the raw words w (low
+// byte + 256 × high byte, wrapping) and the high bytes h; the low-byte sum is
+// w − 256 × h, exact modulo 2^16 and so exact within a band of 256 rows.
+// A width that is not a multiple of 64 ends with a strip moved back to end at
+// the last column, its lanes already covered masked off.
 __attribute__((target("avx2"))) void ColumnsAvx2(const unsigned char* p, long rows, long stride,
                                                  long width, std::uint32_t* sums) {
     if (width < 64) {
         ColumnsSse2(p, rows, stride, width, sums);
         return;
     }
+    constexpr long kMaxStrips = 32;  // columns are taken 2048 at a time
+    constexpr long kRowBlock = 32;
+    constexpr long kBand256 = 256;
+    alignas(32) __m256i parked[kMaxStrips][4];
     const __m256i all = _mm256_set1_epi8(-1);
-    __m256i keep0;
-    __m256i keep1;
-    const long lead = static_cast<long>((64 - reinterpret_cast<std::uintptr_t>(p) % 64) % 64);
-    long x0 = 0;
-    if (lead > 0) {
-        LaneMask(0, static_cast<int>(lead), keep0, keep1);
-        Strip64Avx2(p, rows, stride, keep0, keep1, sums);
-        x0 = lead;
-    }
-    for (; x0 + 64 <= width; x0 += 64) {
-        Strip64Avx2(p + x0, rows, stride, all, all, sums + x0);
-    }
-    if (x0 < width) {
-        const long base = width - 64;
-        LaneMask(static_cast<int>(x0 - base), 64, keep0, keep1);
-        Strip64Avx2(p + base, rows, stride, keep0, keep1, sums + base);
+    for (long c0 = 0; c0 < width; c0 += kMaxStrips * 64) {
+        const long strips = std::min(kMaxStrips, (width - c0 + 63) / 64);
+        long lastBase = c0 + (strips - 1) * 64;
+        __m256i lastKeep0 = all;
+        __m256i lastKeep1 = all;
+        if (lastBase + 64 > width) {
+            LaneMask(lastBase - (width - 64), lastKeep0, lastKeep1);
+            lastBase = width - 64;
+        }
+        for (long y0 = 0; y0 < rows; y0 += kBand256) {
+            const long y1 = std::min(rows, y0 + kBand256);
+            for (long s = 0; s < strips; ++s) {
+                for (auto& reg : parked[s]) {
+                    reg = _mm256_setzero_si256();
+                }
+            }
+            for (long yb = y0; yb < y1; yb += kRowBlock) {
+                const long ye = std::min(y1, yb + kRowBlock);
+                for (long s = 0; s < strips; ++s) {
+                    const bool last = s == strips - 1;
+                    const long base = last ? lastBase : c0 + s * 64;
+                    const __m256i keep0 = last ? lastKeep0 : all;
+                    const __m256i keep1 = last ? lastKeep1 : all;
+                    __m256i w0 = parked[s][0];
+                    __m256i h0 = parked[s][1];
+                    __m256i w1 = parked[s][2];
+                    __m256i h1 = parked[s][3];
+                    const unsigned char* r = p + yb * stride + base;
+                    for (long y = yb; y < ye; ++y, r += stride) {
+                        const __m256i v0 = _mm256_and_si256(
+                            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r)), keep0);
+                        const __m256i v1 = _mm256_and_si256(
+                            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r + 32)), keep1);
+                        w0 = _mm256_add_epi16(w0, v0);
+                        h0 = _mm256_add_epi16(h0, _mm256_srli_epi16(v0, 8));
+                        w1 = _mm256_add_epi16(w1, v1);
+                        h1 = _mm256_add_epi16(h1, _mm256_srli_epi16(v1, 8));
+                    }
+                    parked[s][0] = w0;
+                    parked[s][1] = h0;
+                    parked[s][2] = w1;
+                    parked[s][3] = h1;
+                }
+            }
+            for (long s = 0; s < strips; ++s) {
+                const long base = s == strips - 1 ? lastBase : c0 + s * 64;
+                alignas(32) std::uint16_t t[4][16];
+                _mm256_store_si256(
+                    reinterpret_cast<__m256i*>(t[0]),
+                    _mm256_sub_epi16(parked[s][0], _mm256_slli_epi16(parked[s][1], 8)));
+                _mm256_store_si256(reinterpret_cast<__m256i*>(t[1]), parked[s][1]);
+                _mm256_store_si256(
+                    reinterpret_cast<__m256i*>(t[2]),
+                    _mm256_sub_epi16(parked[s][2], _mm256_slli_epi16(parked[s][3], 8)));
+                _mm256_store_si256(reinterpret_cast<__m256i*>(t[3]), parked[s][3]);
+                std::uint32_t* out = sums + base;
+                for (int k = 0; k < 16; ++k) {
+                    out[2 * k] += t[0][k];
+                    out[2 * k + 1] += t[1][k];
+                    out[32 + 2 * k] += t[2][k];
+                    out[32 + 2 * k + 1] += t[3][k];
+                }
+            }
+        }
     }
 }
 

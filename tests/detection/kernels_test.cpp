@@ -61,8 +61,9 @@ TEST_P(PixelKernels, SumsMatchPlainLoops) {
 
 TEST_P(PixelKernels, ColumnSumsMatchPlainLoops) {
     // Widths below, at and around the strip widths; more rows than one
-    // 16-bit band holds; starts at every alignment within a cache line.
-    for (long width : {1L, 31L, 32L, 63L, 64L, 65L, 130L, 200L}) {
+    // 16-bit band holds; starts at every alignment within a cache line; one
+    // width beyond the 2048 columns taken in one go.
+    for (long width : {1L, 31L, 32L, 63L, 64L, 65L, 130L, 200L, 2100L}) {
         const long rows = 600;
         for (long shift = 0; shift < 64; shift += 9) {
             std::vector<unsigned char> frame(static_cast<std::size_t>(shift + rows * width));
