@@ -58,6 +58,15 @@ std::uint64_t StripPlain(const unsigned char* p, long rows, long stride, long co
     return total;
 }
 
+// Sliding byte mask: 32 zero bytes, then 32 bytes 0xFF. Loaded at kTail + k
+// as a 32-byte vector (at kTail + 16 + k as a 16-byte one) it keeps exactly
+// the last k bytes.
+alignas(64) constexpr unsigned char kTail[64] = {
+    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,
+    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
 struct Kernels {
     std::uint64_t (*sum)(const unsigned char*, std::size_t);
     std::uint64_t (*strip)(const unsigned char*, long, long, long);
@@ -89,6 +98,14 @@ inline std::uint64_t SumSse2(const unsigned char* p, std::size_t n) {
         a0 = _mm_add_epi64(
             a0, _mm_sad_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + i)), zero));
         i += 16;
+    }
+    if (i < n && n >= 16) {
+        // The rest as the last 16 bytes with those already counted masked off.
+        const __m128i keep =
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(kTail + 16 + (n - i)));
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + n - 16));
+        a1 = _mm_add_epi64(a1, _mm_sad_epu8(_mm_and_si128(v, keep), zero));
+        i = n;
     }
     return Sse2Total(_mm_add_epi64(a0, a1)) + SumPlain(p + i, n - i);
 }
@@ -155,6 +172,15 @@ __attribute__((target("avx2"))) inline std::uint64_t SumAvx2(const unsigned char
     for (; i + 32 <= n; i += 32) {
         a0 = _mm256_add_epi64(
             a0, _mm256_sad_epu8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + i)), zero));
+    }
+    if (i < n && n >= 32) {
+        // The rest as the last 32 bytes with those already counted masked off.
+        const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kTail + (n - i)));
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + n - 32));
+        a1 = _mm256_add_epi64(a1, _mm256_sad_epu8(_mm256_and_si256(v, keep), zero));
+        i = n;
+    } else if (i < n) {
+        return SumSse2(p, n);  // shorter than one vector
     }
     const __m256i a = _mm256_add_epi64(_mm256_add_epi64(a0, a1), _mm256_add_epi64(a2, a3));
     const __m128i half = _mm_add_epi64(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));

@@ -234,20 +234,28 @@ long ClRolledFinger::LineAvarage(const unsigned char* row, long count) {
                              static_cast<std::uint64_t>(count));
 }
 
+// Prefix means are compared without dividing: for x > 0,
+// floor(prefix / x) <= b exactly when prefix < (b + 1) × x. A division is
+// made only when the best mean changes.
 long ClRolledFinger::LineRand(const unsigned char* row, long from, long to) {
     if (from >= to) {
         return 0;
     }
-    // Running prefix sum instead of averaging each prefix anew.
     std::uint64_t prefix = from > 0 ? detail::SumBytes(row, static_cast<std::size_t>(from)) : 0;
-    long best = 255;
+    std::uint64_t best = 255;
     long position = 0;
     for (long x = from; x < to; ++x) {
-        const long average =
-            x <= 0 ? row[0] : static_cast<long>(prefix / static_cast<std::uint64_t>(x));
-        if (average <= best) {
-            best = average;
-            position = x;
+        if (x <= 0) {
+            if (row[0] <= best) {
+                best = row[0];
+                position = x;
+            }
+        } else {
+            const auto count = static_cast<std::uint64_t>(x);
+            if (prefix < (best + 1) * count) {
+                best = prefix / count;
+                position = x;
+            }
         }
         if (x >= 0) {
             prefix += row[x];
@@ -266,33 +274,38 @@ void ClRolledFinger::CalculateLineRand(const ClSimpleBitmap& image,
         return;
     }
     // All rows are measured on the first pixel row and a border is a byte, so
-    // LineRand(row, start, width) is needed for at most 256 starts. It is the
-    // latest position of the smallest prefix average in [start, width): found
-    // for every start by one backward pass over the prefix averages.
+    // LineRand(row, start, width) is needed for at most 256 starts: the latest
+    // position of the smallest prefix mean in [start, width). One backward
+    // pass over the prefix sums finds it for every start (a strictly smaller
+    // mean takes over, so among equal ones the latest stays).
     const unsigned char* row = view.Row(0);
     const long width = view.width;
     constexpr long kStarts = 256;
     m_vBorderOfStart.assign(kStarts, 0);
     if (width > 0) {
-        std::vector<long>& averages = m_vPrefixAverages;
-        averages.resize(static_cast<std::size_t>(width));
-        std::uint64_t prefix = 0;
+        std::vector<std::uint64_t>& prefix = m_vPrefixSums;
+        prefix.resize(static_cast<std::size_t>(width));
+        std::uint64_t sum = 0;
         for (long x = 0; x < width; ++x) {
-            averages[static_cast<std::size_t>(x)] =
-                x == 0 ? row[0] : static_cast<long>(prefix / static_cast<std::uint64_t>(x));
-            prefix += row[x];
+            prefix[static_cast<std::size_t>(x)] = sum;
+            sum += row[x];
         }
-        long best = std::numeric_limits<long>::max();
+        std::uint64_t best = 256;  // above every mean
         long position = 0;
-        for (long x = width - 1; x >= 0; --x) {
-            if (averages[static_cast<std::size_t>(x)] < best) {
-                best = averages[static_cast<std::size_t>(x)];
+        for (long x = width - 1; x >= 1; --x) {
+            const auto count = static_cast<std::uint64_t>(x);
+            if (prefix[static_cast<std::size_t>(x)] < best * count) {
+                best = prefix[static_cast<std::size_t>(x)] / count;
                 position = x;
             }
             if (x < kStarts) {
                 m_vBorderOfStart[static_cast<std::size_t>(x)] = position;
             }
         }
+        if (row[0] < best) {
+            position = 0;
+        }
+        m_vBorderOfStart[0] = position;
     }
     for (std::size_t y = 0; y < rows; ++y) {
         newBorders[y] = static_cast<unsigned char>(m_vBorderOfStart[borders[y]]);
@@ -331,6 +344,28 @@ void ClRolledFinger::BitmapProfilCopy(const ClSimpleBitmap& from, ClSimpleBitmap
     unsigned char* target = to.Pixel();
     const long targetSize = detail::View(to).size;
     const std::size_t rows = std::min(borders.size(), newBorders.size());
+    if (rows == 0) {
+        return;
+    }
+    // The borders move as one vertical border, so the spans are normally the
+    // same in every row: then one strided copy takes them all.
+    const long begin = borders[0];
+    const long end = std::min(static_cast<long>(newBorders[0]), source.width);
+    const long spanRows = std::min(static_cast<long>(rows), source.height);
+    const bool uniform =
+        std::all_of(borders.begin(), borders.begin() + static_cast<long>(rows),
+                    [&](unsigned char b) { return b == borders[0]; }) &&
+        std::all_of(newBorders.begin(), newBorders.begin() + static_cast<long>(rows),
+                    [&](unsigned char b) { return b == newBorders[0]; });
+    if (uniform && (end <= begin || spanRows <= 0)) {
+        return;
+    }
+    if (uniform && (spanRows - 1) * source.stride + end <= targetSize) {
+        m_vAllColumns.assign(static_cast<std::size_t>(end), 0xFF);
+        detail::TakeColumns(source.pixels, target, spanRows, source.stride, m_vAllColumns.data(),
+                            begin, end);
+        return;
+    }
     for (std::size_t y = 0; y < rows; ++y) {
         CopyRowSpan(source, target, targetSize, static_cast<long>(y), borders[y], newBorders[y]);
     }

@@ -132,7 +132,8 @@ private:
     // Working storage reused from frame to frame.
     std::vector<unsigned char> m_vNewBorders;
     std::vector<long> m_vBorderOfStart;
-    std::vector<long> m_vPrefixAverages;
+    std::vector<std::uint64_t> m_vPrefixSums;
+    std::vector<unsigned char> m_vAllColumns;
 };
 
 }  // namespace vc

@@ -196,6 +196,26 @@ TEST(RolledFinger, RowCopiesStayInsideBothImages) {
     EXPECT_EQ(frames::At(to, 1, 0), 1);
     EXPECT_EQ(frames::At(to, 7, 0), 9);
     EXPECT_EQ(frames::At(to, 3, 1), 9);  // from's stride of 20 reaches into row 1 of `to`
+
+    // Profile copies: rows with their own spans, and one span for all rows.
+    Bitmap target = frames::Uniform(20, 4, 1);
+    rolled.BitmapProfilCopy(from, target, {0, 2, 5}, {3, 4, 5});
+    EXPECT_EQ(frames::At(target, 2, 0), 9);
+    EXPECT_EQ(frames::At(target, 3, 0), 1);
+    EXPECT_EQ(frames::At(target, 1, 1), 1);
+    EXPECT_EQ(frames::At(target, 3, 1), 9);
+    EXPECT_EQ(frames::At(target, 5, 2), 1);
+    rolled.BitmapProfilCopy(from, target, std::vector<unsigned char>(9, 6),
+                            std::vector<unsigned char>(9, 8));  // more borders than rows
+    for (long y = 0; y < 4; ++y) {
+        EXPECT_EQ(frames::At(target, 7, y), 9);
+        EXPECT_EQ(frames::At(target, 8, y), 1);
+    }
+    Bitmap small = frames::Uniform(8, 2, 1);
+    rolled.BitmapProfilCopy(from, small, std::vector<unsigned char>(4, 2),
+                            std::vector<unsigned char>(4, 6));
+    EXPECT_EQ(frames::At(small, 5, 0), 9);
+    EXPECT_EQ(frames::At(small, 5, 1), 1);  // row 1 of `from` lies past `small`
 }
 
 }  // namespace
