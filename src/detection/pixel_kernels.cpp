@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -67,15 +68,24 @@ alignas(64) constexpr unsigned char kTail[64] = {
     0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
     0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
+void CopyPlain(const unsigned char* in, unsigned char* out, long rows, long stride, long first,
+               long last) {
+    for (long y = 0; y < rows; ++y) {
+        std::memcpy(out + y * stride + first, in + y * stride + first,
+                    static_cast<std::size_t>(last - first));
+    }
+}
+
 struct Kernels {
     std::uint64_t (*sum)(const unsigned char*, std::size_t);
     std::uint64_t (*strip)(const unsigned char*, long, long, long);
     void (*columns)(const unsigned char*, long, long, long, std::uint32_t*);
     void (*take)(const unsigned char*, unsigned char*, long, long, const unsigned char*, long,
                  long);
+    void (*copy)(const unsigned char*, unsigned char*, long, long, long, long);
 };
 
-const Kernels kPlainKernels{SumPlain, StripPlain, AddColumnsPlain, TakePlain};
+const Kernels kPlainKernels{SumPlain, StripPlain, AddColumnsPlain, TakePlain, CopyPlain};
 
 #if KR7_DETECTION_X86
 
@@ -327,6 +337,27 @@ __attribute__((target("avx2"))) void TakeAvx2(const unsigned char* in, unsigned 
     }
 }
 
+// Moves 32 bytes at a time without a call per row; the last block of a row
+// ends at `last` (an overlapping copy writes the same bytes again).
+__attribute__((target("avx2"))) void CopyAvx2(const unsigned char* in, unsigned char* out,
+                                              long rows, long stride, long first, long last) {
+    if (last - first < 32) {
+        CopyPlain(in, out, rows, stride, first, last);
+        return;
+    }
+    const long tail = last - 32;
+    for (long y = 0; y < rows; ++y) {
+        const unsigned char* src = in + y * stride;
+        unsigned char* dst = out + y * stride;
+        for (long c = first; c < tail; c += 32) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + c),
+                                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + c)));
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + tail),
+                            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + tail)));
+    }
+}
+
 std::uint64_t SumSse2Call(const unsigned char* p, std::size_t n) {
     return SumSse2(p, n);
 }
@@ -334,8 +365,8 @@ __attribute__((target("avx2"))) std::uint64_t SumAvx2Call(const unsigned char* p
     return SumAvx2(p, n);
 }
 
-const Kernels kSse2Kernels{SumSse2Call, StripSse2, ColumnsSse2, TakePlain};
-const Kernels kAvx2Kernels{SumAvx2Call, StripAvx2, ColumnsAvx2, TakeAvx2};
+const Kernels kSse2Kernels{SumSse2Call, StripSse2, ColumnsSse2, TakePlain, CopyPlain};
+const Kernels kAvx2Kernels{SumAvx2Call, StripAvx2, ColumnsAvx2, TakeAvx2, CopyAvx2};
 
 const Kernels* BestKernels() {
     __builtin_cpu_init();
@@ -405,6 +436,13 @@ void TakeColumns(const unsigned char* in, unsigned char* out, long rows, long st
                  const unsigned char* take, long first, long last) {
     if (rows > 0 && last > first) {
         Select().take(in, out, rows, stride, take, first, last);
+    }
+}
+
+void CopyColumns(const unsigned char* in, unsigned char* out, long rows, long stride, long first,
+                 long last) {
+    if (rows > 0 && last > first) {
+        Select().copy(in, out, rows, stride, first, last);
     }
 }
 

@@ -32,5 +32,10 @@ std::uint64_t SumColumns(const unsigned char* p, long rows, long stride, long wi
 void TakeColumns(const unsigned char* in, unsigned char* out, long rows, long stride,
                  const unsigned char* take, long first, long last);
 
+// For each of `rows` rows (both images `stride` bytes per row): out[c] :=
+// in[c] for c in [first, last).
+void CopyColumns(const unsigned char* in, unsigned char* out, long rows, long stride, long first,
+                 long last);
+
 }  // namespace detail
 }  // namespace vc

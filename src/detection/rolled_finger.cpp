@@ -112,22 +112,33 @@ void ClRolledFingerVC1::Compose(const ClSimpleBitmap& input, ClSimpleBitmap& out
         detail::CopyFrame(output, m_Composed);
         return;
     }
-    // Columns darker than ever before are taken over: marked in a byte mask
-    // and copied in one pass over the rows of their span.
+    // Columns darker than ever before are taken over. They usually form one
+    // run (the band the finger rolled onto): each run is copied down the
+    // rows; a mask scattered over many runs is blended over its span instead.
     m_vTaken.assign(static_cast<std::size_t>(view.width), 0);
-    long firstColumn = view.width;
-    long lastColumn = -1;
+    m_vRuns.clear();
     for (long c = 0; c < view.width; ++c) {
         const long sum = m_vFrameSums[static_cast<std::size_t>(c)];
         if (sum < m_vColumnSums[static_cast<std::size_t>(c)]) {
             m_vColumnSums[static_cast<std::size_t>(c)] = sum;
             m_vTaken[static_cast<std::size_t>(c)] = 0xFF;
-            firstColumn = std::min(firstColumn, c);
-            lastColumn = c;
+            if (!m_vRuns.empty() && m_vRuns.back().second == c) {
+                m_vRuns.back().second = c + 1;
+            } else {
+                m_vRuns.emplace_back(c, c + 1);
+            }
         }
     }
-    detail::TakeColumns(view.pixels, m_Composed.Pixel(), view.height, view.stride, m_vTaken.data(),
-                        firstColumn, lastColumn + 1);
+    constexpr std::size_t kMaxRunCopies = 4;
+    if (m_vRuns.size() <= kMaxRunCopies) {
+        for (const auto& run : m_vRuns) {
+            detail::CopyColumns(view.pixels, m_Composed.Pixel(), view.height, view.stride,
+                                run.first, run.second);
+        }
+    } else {
+        detail::TakeColumns(view.pixels, m_Composed.Pixel(), view.height, view.stride,
+                            m_vTaken.data(), m_vRuns.front().first, m_vRuns.back().second);
+    }
     detail::CopyFrame(output, m_Composed);
 }
 
@@ -361,9 +372,7 @@ void ClRolledFinger::BitmapProfilCopy(const ClSimpleBitmap& from, ClSimpleBitmap
         return;
     }
     if (uniform && (spanRows - 1) * source.stride + end <= targetSize) {
-        m_vAllColumns.assign(static_cast<std::size_t>(end), 0xFF);
-        detail::TakeColumns(source.pixels, target, spanRows, source.stride, m_vAllColumns.data(),
-                            begin, end);
+        detail::CopyColumns(source.pixels, target, spanRows, source.stride, begin, end);
         return;
     }
     for (std::size_t y = 0; y < rows; ++y) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "detection/image_detection.h"
@@ -61,6 +62,7 @@ private:
     // Working storage reused from frame to frame (no meaning between frames).
     std::vector<std::uint32_t> m_vFrameSums;
     std::vector<unsigned char> m_vTaken;
+    std::vector<std::pair<long, long>> m_vRuns;  // [first, last) of taken columns
 };
 
 // Composes row spans from a moving vertical border: while the finger rolls,
@@ -133,7 +135,6 @@ private:
     std::vector<unsigned char> m_vNewBorders;
     std::vector<long> m_vBorderOfStart;
     std::vector<std::uint64_t> m_vPrefixSums;
-    std::vector<unsigned char> m_vAllColumns;
 };
 
 }  // namespace vc

@@ -58,6 +58,24 @@ TEST(RolledFingerVC1, ComposesTheDarkestVersionOfEachColumn) {
     EXPECT_TRUE(frames::SamePixels(rolled.Composed(), background));
 }
 
+TEST(RolledFingerVC1, ScatteredDarkerColumnsAreTakenOneByOne) {
+    vc::ClRolledFingerVC1 rolled;
+    Bitmap output;
+    Bitmap striped = frames::Band(40, 20, 20, 40, 100);
+    for (long x = 0; x < 20; x += 2) {
+        frames::Fill(striped, x, x + 1, 30);  // ten separate runs
+    }
+    EXPECT_EQ(frames::Feed(rolled,
+                           {frames::Uniform(40, 20, 250), frames::Band(40, 20, 0, 30, 90), striped,
+                            frames::Band(40, 20, 25, 40, 50), frames::Uniform(40, 20, 250)},
+                           output),
+              "FFFFT");
+    for (long x = 0; x < 40; ++x) {
+        const unsigned char expected = x < 20 ? (x % 2 ? 250 : 30) : x < 25 ? 100 : 50;
+        EXPECT_EQ(frames::At(output, x, 7), expected) << x;
+    }
+}
+
 TEST(RolledFingerVC1, CloneIsDeep) {
     vc::ClRolledFingerVC1 rolled;
     Bitmap output;
