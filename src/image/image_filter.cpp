@@ -1,0 +1,95 @@
+#include "image/image_filter.h"
+
+#include <cstring>
+#include <new>
+
+#include "framegrabber/errors.h"
+#include "framegrabber/framegrabber.h"
+
+using Nvk::utilities::ClSimpleBitmap;
+
+namespace vc {
+
+namespace {
+
+ClVCImageFilter* Allocated(ClVCImageFilter* filter) {
+    if (filter == nullptr) {
+        throw Nvk::CXMemoryAllocException();
+    }
+    return filter;
+}
+
+// One row: 255 − max(background − frame, 0) for the pixels, the frame's
+// bytes for the padding. Works in place when `out` is `in` or `background`.
+void SubtractRow(const unsigned char* in, const unsigned char* background, unsigned char* out,
+                 long width, long rowBytes) {
+    for (long x = 0; x < width; ++x) {
+        const unsigned int i = in[x];
+        const unsigned int b = background[x];
+        const unsigned int darkening = b > i ? b - i : 0;
+        out[x] = static_cast<unsigned char>(255 - darkening);
+    }
+    if (out != in) {
+        std::memcpy(out + width, in + width, static_cast<std::size_t>(rowBytes - width));
+    }
+}
+
+}  // namespace
+
+ClVCImageFilter* ClVCImageFilter::Create(int id) {
+    switch (id) {
+        case eFilterNone:
+            return Allocated(new (std::nothrow) ClNoFilter);
+        case eFilterSubtractBackground:
+            return Allocated(new (std::nothrow) ClSubtractBackgroundFilter);
+        default:
+            return nullptr;
+    }
+}
+
+void ClNoFilter::Do(ClSimpleBitmap* in, ClSimpleBitmap*, ClSimpleBitmap* out) {
+    if (in != nullptr && out != nullptr) {
+        out->Copy(in->Header());
+    }
+}
+
+ClVCImageFilter* ClNoFilter::clone() const {
+    return Allocated(new (std::nothrow) ClNoFilter(*this));
+}
+
+void ClSubtractBackgroundFilter::Do(ClSimpleBitmap* in, ClSimpleBitmap* background,
+                                    ClSimpleBitmap* out) {
+    if (in == nullptr || out == nullptr) {
+        return;
+    }
+    const long width = in->Width();
+    const long height = in->Height();
+    const long rowBytes = in->BPRow();
+    // The background is read at the frame's offsets: the last byte read is
+    // pixel width − 1 of row height − 1.
+    const long backgroundNeeded = height > 0 ? rowBytes * (height - 1) + width : 0;
+    if (background == nullptr || in->BitCount() != 8 || background->BitCount() != 8 ||
+        background->Empty() || background->PixelSize() < backgroundNeeded) {
+        out->Copy(in->Header());
+        return;
+    }
+    if (out == background) {
+        // The copy of the frame replaces the background before it is read.
+        out->Copy(in->Header());
+    } else {
+        out->CopyFormat(in->Header());  // every pixel byte is written below
+    }
+    const unsigned char* source = in->Pixel();
+    const unsigned char* back = background->Pixel();
+    unsigned char* target = out->Pixel();
+    for (long y = 0; y < height; ++y) {
+        const long offset = y * rowBytes;
+        SubtractRow(source + offset, back + offset, target + offset, width, rowBytes);
+    }
+}
+
+ClVCImageFilter* ClSubtractBackgroundFilter::clone() const {
+    return Allocated(new (std::nothrow) ClSubtractBackgroundFilter(*this));
+}
+
+}  // namespace vc
