@@ -31,7 +31,7 @@ class ClVCFactory;  // the host's own factory type; opaque to the plug-in
 
 // Camera types. Only eCameraKR7 is listed and accepted by this plug-in; the
 // other values belong to other frame grabbers of the host framework.
-enum eCameraIDs {
+enum eCameraIDs : int {
     eCameraType1 = 1,
     eCameraType2 = 2,
     eCameraType3 = 3,
@@ -43,12 +43,12 @@ enum eCameraIDs {
     eCameraType9 = 9,
 };
 
-enum eColorModeIDs {
+enum eColorModeIDs : int {
     eColorGray8 = 0,  // 8-bit grey, the only colour mode
 };
 
 // Detection stage run on a capturing channel.
-enum eCaptureModeIDs {
+enum eCaptureModeIDs : int {
     eCaptureLive = 0,             // every frame is delivered
     eCapturePlainFinger = 1,      // a result when a plain finger is settled
     eCaptureRolledFinger = 2,     // a result when a roll is complete
@@ -56,7 +56,7 @@ enum eCaptureModeIDs {
     eCapturePreview = 4,          // a result on the host's trigger
 };
 
-enum eFilterIDs {
+enum eFilterIDs : int {
     eFilterNone = 0,
     eFilterSubtractBackground = 1,
 };
@@ -72,12 +72,12 @@ enum ePropertyIDs : std::uint32_t {
 enum eDlgIDs : int {};
 
 // Kind of frame grabber that reports an event.
-enum eFGs {
+enum eFGs : int {
     eFGKR7 = 19,
 };
 
 // Device events of this plug-in.
-enum eFG_KR7_Events {
+enum eFG_KR7_Events : int {
     eKR7EventFakeFinger = 0,  // a fake finger was put on the scanner
 };
 

@@ -21,13 +21,15 @@ ClVCImageFilter* Allocated(ClVCImageFilter* filter) {
 
 // One row: 255 − max(background − frame, 0) for the pixels, the frame's
 // bytes for the padding. Works in place when `out` is `in` or `background`.
+// The pixel formula is written as (255 − b) + min(b, i), which equals it and
+// stays within a byte, so the loop runs on whole vectors of bytes.
 void SubtractRow(const unsigned char* in, const unsigned char* background, unsigned char* out,
                  long width, long rowBytes) {
     for (long x = 0; x < width; ++x) {
-        const unsigned int i = in[x];
-        const unsigned int b = background[x];
-        const unsigned int darkening = b > i ? b - i : 0;
-        out[x] = static_cast<unsigned char>(255 - darkening);
+        const unsigned char i = in[x];
+        const unsigned char b = background[x];
+        const unsigned char darkest = i < b ? i : b;
+        out[x] = static_cast<unsigned char>(static_cast<unsigned char>(255 - b) + darkest);
     }
     if (out != in) {
         std::memcpy(out + width, in + width, static_cast<std::size_t>(rowBytes - width));

@@ -294,11 +294,17 @@ void ClSimpleBitmap::SetResolution(std::uint32_t xDpi, std::uint32_t yDpi) {
 }
 
 void ClSimpleBitmap::SetBlack() {
-    std::memset(Pixel(), 0, static_cast<std::size_t>(PixelSize()));
+    const long n = PixelSize();
+    if (n > 0) {
+        std::memset(Pixel(), 0, static_cast<std::size_t>(n));
+    }
 }
 
 void ClSimpleBitmap::SetWhite() {
-    std::memset(Pixel(), 255, static_cast<std::size_t>(PixelSize()));
+    const long n = PixelSize();
+    if (n > 0) {
+        std::memset(Pixel(), 255, static_cast<std::size_t>(n));
+    }
 }
 
 void ClSimpleBitmap::Invert() {
