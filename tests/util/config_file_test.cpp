@@ -1,0 +1,203 @@
+#include "util/config_file.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Nvk::CXConfigFile;
+using Nvk::CXConfigSection;
+
+CXConfigFile Parse(const std::string& text) {
+    CXConfigFile file;
+    std::istringstream in(text);
+    file.Load(in);
+    return file;
+}
+
+std::vector<std::string> SectionNames(const CXConfigFile& file) {
+    std::vector<std::string> names;
+    for (const auto& entry : file) {
+        names.push_back(entry.first);
+    }
+    return names;
+}
+
+std::string Trimmed(void (*trim)(std::string&), std::string s) {
+    trim(s);
+    return s;
+}
+
+TEST(StringHelper, TrimRules) {
+    using namespace Nvk::stdstring_helper;
+    EXPECT_EQ("a b\r", Trimmed(trim_left, " \t a b\r"));
+    EXPECT_EQ("", Trimmed(trim_left, " \t "));
+    EXPECT_EQ(" a b", Trimmed(trim_right, " a b \t\r"));
+    EXPECT_EQ("", Trimmed(trim_right, " \r\t"));
+
+    EXPECT_EQ("key", Trimmed(trim_both, "key"));
+    EXPECT_EQ("key", Trimmed(trim_both, "key  \r"));
+    // The length is counted from the start: leading blanks keep trailing ones.
+    EXPECT_EQ("key  ", Trimmed(trim_both, "  key  "));
+    EXPECT_EQ("key \t", Trimmed(trim_both, "  key \t\t\r"));
+    EXPECT_EQ("", Trimmed(trim_both, "  \t"));
+    EXPECT_EQ("", Trimmed(trim_both, " \r"));  // a carriage return alone counts as trailing
+    EXPECT_EQ("", Trimmed(trim_both, ""));
+}
+
+TEST(ConfigFile, KeyLinesAndComments) {
+    const auto file = Parse(
+        "Top=ignored\n"
+        "[Scanner]\n"
+        "Key = Value # note\n"
+        "# Hidden=1\n"
+        "Hash=1#x\n"
+        "Eq=a=b\n"
+        "Key2  =  Value  \n"
+        "  Key3  =  Value  \n"
+        "NoEquals\n"
+        "=empty key\n"
+        "Empty=\r\n"
+        "Last=final");  // no line feed after the last line
+    const CXConfigSection s = file["Scanner"];
+    EXPECT_EQ((std::vector<std::string>{"Scanner"}), SectionNames(file));
+    EXPECT_EQ("Value", s["Key"]);
+    EXPECT_EQ("1", s["Hash"]);
+    EXPECT_EQ("a=b", s["Eq"]);
+    EXPECT_EQ("Value", s["Key2"]);
+    EXPECT_EQ("Value  ", s["Key3"]);  // the indented line keeps two trailing blanks
+    EXPECT_EQ("empty key", s[""]);
+    EXPECT_EQ("", s["Empty"]);
+    EXPECT_EQ("final", s["Last"]);
+    EXPECT_EQ(8u, s.size());
+    EXPECT_EQ("", s["Top"]);
+    EXPECT_EQ("", s["Hidden"]);
+}
+
+TEST(ConfigFile, SectionHeaderQuirks) {
+    const auto file = Parse(
+        "[Plain]\n"
+        "  [Scanner]\n"
+        "[ Spaced ]\n"
+        "Key=[1]\n"
+        "[Open\n"
+        "x]=[y\n"
+        "# [Comment]\n"
+        "A=1 # [not a header]\n"
+        "[]\n");
+    EXPECT_EQ((std::vector<std::string>{"", "1]", "Open", "Plain", "Scanner]", "Spaced "}),
+              SectionNames(file));
+    // A line whose "]" precedes its "[" is dropped; a commented bracket is a key line.
+    EXPECT_EQ("1", file["Open"]["A"]);
+    EXPECT_EQ(1u, file["Open"].size());
+    EXPECT_TRUE(file["Missing"].empty());
+}
+
+TEST(ConfigFile, RepeatedSectionsMergeAndLoadReplaces) {
+    auto file = Parse(
+        "[A]\nx=1\ny=1\n"
+        "[B]\nz=1\n"
+        "[A]\ny=2\ny=3\n");
+    EXPECT_EQ("1", file["A"]["x"]);
+    EXPECT_EQ("3", file["A"]["y"]);
+    EXPECT_EQ(2u, file["A"].size());
+
+    std::istringstream again("[C]\nk=v\n");
+    file.Load(again);
+    EXPECT_EQ((std::vector<std::string>{"C"}), SectionNames(file));
+
+    std::istringstream broken("[D]\n");
+    broken.setstate(std::ios::failbit);
+    file.Load(broken);
+    EXPECT_TRUE(file.empty());
+}
+
+TEST(ConfigFile, SaveReadsBackUnchanged) {
+    CXConfigFile file;
+    file["Scanner"]["Dose"] = "4";
+    file["Scanner"]["Name"] = "KR7 front";
+    file["Alpha"]["k"] = "";
+    file["Empty"];
+
+    std::ostringstream out;
+    file.Save(out);
+    EXPECT_EQ("[Alpha]\nk\t=\t\n[Empty]\n[Scanner]\nDose\t=\t4\nName\t=\tKR7 front\n", out.str());
+
+    const auto back = Parse(out.str());
+    std::ostringstream again;
+    back.Save(again);
+    EXPECT_EQ(out.str(), again.str());
+}
+
+TEST(ConfigSection, AlternativeParsers) {
+    CXConfigSection s;
+    EXPECT_TRUE(s.ParseString(" a = b "));
+    EXPECT_EQ(" b ", s[" a "]);
+    // The value is as long as the position of "#", so part of the comment stays.
+    EXPECT_TRUE(s.ParseString("k=v#comment"));
+    EXPECT_EQ("v#c", s["k"]);
+    EXPECT_FALSE(s.ParseString("#k=v"));
+    EXPECT_FALSE(s.ParseString("k#=v"));
+    EXPECT_FALSE(s.ParseString("no pair"));
+    EXPECT_TRUE(s.ParseString("k="));
+    EXPECT_EQ("", s["k"]);
+
+    EXPECT_FALSE(s.ParseString1("#a=b"));
+    EXPECT_FALSE(s.ParseString1(" #a=b"));  // the comment leaves no "="
+    // One leading blank on the line keeps one trailing blank on the value.
+    EXPECT_TRUE(s.ParseString1(" x = y "));
+    EXPECT_EQ("y ", s["x"]);
+
+    CXConfigSection loaded;
+    std::istringstream in(
+        "Key =Value\n"
+        "Key =Other\n"  // earlier lines win
+        "Long=v#comment\n"
+        "=first\n"
+        "#x=1\n"
+        "plain\n");
+    loaded.Load(in);
+    EXPECT_EQ("Value", loaded["Key"]);
+    EXPECT_EQ("v#comm", loaded["Lon"]);  // character before "=" dropped
+    EXPECT_EQ("first", loaded[""]);
+    EXPECT_EQ(3u, loaded.size());
+}
+
+TEST(ConfigFile, ArbitraryBytesNeverThrow) {
+    // Every short line over the characters the rules look at.
+    const std::string alphabet = "[]#= \t\rk";
+    std::string lines;
+    std::vector<std::size_t> digits(4, 0);
+    for (;;) {
+        for (std::size_t len = 0; len <= digits.size(); ++len) {
+            for (std::size_t i = 0; i < len; ++i) {
+                lines += alphabet[digits[i]];
+            }
+            lines += '\n';
+        }
+        std::size_t i = 0;
+        while (i < digits.size() && ++digits[i] == alphabet.size()) {
+            digits[i++] = 0;
+        }
+        if (i == digits.size()) {
+            break;
+        }
+    }
+    CXConfigFile file;
+    CXConfigSection section;
+    std::istringstream in1("[s]\n" + lines), in2(lines);
+    EXPECT_NO_THROW(file.Load(in1));
+    EXPECT_NO_THROW(section.Load(in2));
+    std::istringstream in3(lines);
+    for (std::string line; std::getline(in3, line);) {
+        EXPECT_NO_THROW(section.ParseString(line));
+        EXPECT_NO_THROW(section.ParseString1(line));
+    }
+    EXPECT_FALSE(file.empty());
+}
+
+}  // namespace
