@@ -2,8 +2,6 @@
 // loop. The image pipeline and delivery are in channel_pipeline.cpp.
 #include "channel/channel.h"
 
-#include <cerrno>
-
 #include "detection/image_detection.h"
 
 namespace vc {
