@@ -1,5 +1,5 @@
 // Test doubles for the capture channel: a device SDK that plays a script
-// frame by frame and records the calls it gets, a host that records its
+// call by call and records what it is asked, a host that records its
 // callbacks, and a detector that answers from a script.
 #pragma once
 
@@ -20,8 +20,6 @@
 
 #include "channel/channel.h"
 #include "detection/image_detection.h"
-#include "framegrabber/errors.h"
-#include "image/simple_bitmap.h"
 
 namespace kr7test {
 
@@ -29,264 +27,248 @@ using Nvk::utilities::ClSimpleBitmap;
 
 constexpr std::chrono::seconds kPatience{20};
 
+// Waits on `cv` until `done()` or kPatience has passed; polls too, for
+// conditions that change without a notification.
+template <class Done>
+bool Await(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        cv.wait_for(lock, std::chrono::milliseconds(1));
+    }
+    return done();
+}
+
 // An 8-bit grey frame of one value; its first pixel carries `stamp`.
 inline void MakeFrame(ClSimpleBitmap& bitmap, long width, long height, unsigned char fill,
                       unsigned char stamp) {
-    if (bitmap.Width() != width || bitmap.Height() != height || bitmap.BitCount() != 8) {
-        bitmap.Create(width, height, 8);
-    }
+    bitmap.Create(width, height, 8);
     std::memset(bitmap.Pixel(), fill, static_cast<std::size_t>(bitmap.PixelSize()));
     bitmap.Pixel()[0] = stamp;
 }
 
-// A family error whose What() has no text.
-class TextlessError : public Nvk::ClNorvakException {
-public:
+struct TextlessError : Nvk::ClNorvakException {
     const char* What() const noexcept override { return nullptr; }
 };
-
-// A standard exception whose what() has no text.
-class TextlessStdError : public std::exception {
-public:
+struct TextlessStdError : std::exception {
     const char* what() const noexcept override { return nullptr; }
 };
 
-enum class Op {
-    InitializeSDK,
-    UninitializeSDK,
-    SetActiveChannel,
-    GetLiveBitmap,
-    WaitForPlainFinger,
-    StartLiveCapturing,
-    StopLiveCapturing,
-    IsDirty,
-    HasSelfDetection,
-    Lock,
-    UnLock,
-    TriggerImage,
-};
-
-const char* OpName(Op op);
+// clang-format off
+#define KR7_OPS(X)                                                                     \
+    X(InitializeSDK) X(UninitializeSDK) X(SetActiveChannel) X(GetLiveBitmap)           \
+    X(WaitForPlainFinger) X(StartLiveCapturing) X(StopLiveCapturing) X(IsDirty)        \
+    X(HasSelfDetection) X(Lock) X(UnLock) X(TriggerImage)
+// clang-format on
+#define KR7_ENUM(name) name,
+#define KR7_NAME(name) #name,
+enum class Op { KR7_OPS(KR7_ENUM) };
+inline const char* OpName(Op op) {
+    static const char* const names[] = {KR7_OPS(KR7_NAME)};
+    return names[static_cast<int>(op)];
+}
 inline void PrintTo(Op op, std::ostream* os) {
     *os << OpName(op);
 }
 
-// What one call of an operation does.
+// What one call of an operation does. Frame fills the bitmap (if the
+// operation has one) with a frame of `fill` and returns `value`; Park waits
+// until the channel stops; Pause is a Frame that then pauses the channel;
+// the others throw. A gated action first waits for ScriptedSDK::Release(),
+// even through a stop of the channel (as a device busy with a frame would).
 struct Action {
-    enum Kind {
-        Frame,          // image operations: fill the bitmap; bool operations: return `value`
-        Warning,        // throw vc::ClVCWarning(text)
-        Error,          // throw vc::ClVCException(text)
-        TextlessError,  // throw a family error without text
-        StdError,       // throw std::runtime_error(text)
-        TextlessStd,    // throw a standard exception without text
-        Park,           // wait until the channel stops running, then return
-        Pause,          // fill as Frame, then pause the channel
-    };
+    enum Kind { Frame, Warning, Error, TextlessError, StdError, TextlessStd, Park, Pause };
     Kind kind = Frame;
-    std::string text;
     unsigned char fill = 200;
     long width = 160;
     long height = 120;
     bool value = true;
-    bool gated = false;  // wait for ScriptedSDK::Release() before acting
+    bool gated = false;
+    std::string text;
 
-    static Action Image(unsigned char fill, long width = 160, long height = 120) {
-        Action a;
-        a.fill = fill;
-        a.width = width;
-        a.height = height;
-        return a;
+    static Action Image(unsigned char f, long w = 160, long h = 120) {
+        return {Frame, f, w, h, true, false, ""};
     }
-    static Action Gated(unsigned char fill) {
-        Action a = Image(fill);
-        a.gated = true;
-        return a;
-    }
-    static Action Returns(bool value) {
-        Action a;
-        a.value = value;
-        return a;
-    }
-    static Action Throws(Kind kind, std::string text = std::string()) {
-        Action a;
-        a.kind = kind;
-        a.text = std::move(text);
-        return a;
-    }
-    static Action ParkUntilStopped() {
-        Action a;
-        a.kind = Park;
-        return a;
-    }
+    static Action Gated(unsigned char f) { return {Frame, f, 160, 120, true, true, ""}; }
+    static Action Returns(bool v) { return {Frame, 200, 160, 120, v, false, ""}; }
+    static Action Do(Kind k, std::string t = "") { return {k, 200, 160, 120, true, false, t}; }
 };
 
-// A device that plays a script: each operation takes the next action from
-// its queue, or its default when the queue is empty. Records every call.
+// Each operation takes the next action of its queue, or its default.
 class ScriptedSDK : public vc::ClFramegrabberSDK {
 public:
-    ScriptedSDK() = default;
-
-    // Script and defaults are set up before the capture starts.
-    void Add(Op op, Action action) {
+    void Add(Op op, Action action, int times = 1) {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Script[op].push_back(std::move(action));
-    }
-    void Add(Op op, int times, const Action& action) {
-        for (int i = 0; i < times; ++i) {
-            Add(op, action);
-        }
+        m_Script[op].insert(m_Script[op].end(), times, action);
     }
     void SetDefault(Op op, Action action) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         m_Defaults[op] = std::move(action);
     }
-    // Lets one gated action go.
-    void Release() {
+    void Release() {  // lets one gated action go
         std::lock_guard<std::mutex> lock(m_Mutex);
         ++m_nReleases;
-        m_Changed.notify_all();
     }
-    // Ends a Park at once (as well as a stop of the channel does).
-    void Unpark() {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_bUnparked = true;
-        m_Changed.notify_all();
-    }
-
     std::vector<Op> Calls() const {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Calls;
     }
-    int Count(Op op) const {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        int n = 0;
-        for (Op call : m_Calls) {
-            n += call == op ? 1 : 0;
-        }
-        return n;
-    }
-    // Waits until `op` has been called at least `n` times.
-    bool WaitForCalls(Op op, int n) {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, kPatience, [&] {
-            int count = 0;
-            for (Op call : m_Calls) {
-                count += call == op ? 1 : 0;
-            }
-            return count >= n;
-        });
-    }
-    // Waits until a gated or parked action is waiting.
-    bool WaitUntilWaiting() {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, kPatience, [&] { return m_bWaiting; });
-    }
-    int LockDepth() const { return m_nLockDepth.load(); }
-    // A Lock while locked or an UnLock while unlocked was seen.
-    bool LockMisused() const { return m_bLockMisused.load(); }
-    // The thread of each recorded call.
     std::vector<std::thread::id> CallThreads() const {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_CallThreads;
+        return m_Threads;
     }
+    int Count(Op op) const {
+        const std::vector<Op> calls = Calls();
+        return static_cast<int>(std::count(calls.begin(), calls.end(), op));
+    }
+    bool WaitForCalls(Op op, int n) {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        return Await(lock, m_Changed,
+                     [&] { return std::count(m_Calls.begin(), m_Calls.end(), op) >= n; });
+    }
+    // Until a gated or parked action waits.
+    bool WaitUntilWaiting() {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        return Await(lock, m_Changed, [&] { return m_bWaiting; });
+    }
+    // A Lock while locked or an UnLock while unlocked shows as a depth
+    // outside 0..1 at some point; the lock must end released.
+    bool LockBalanced() const { return !m_bLockMisused && m_nLockDepth == 0; }
 
-    void InitializeSDK(vc::ClFrameGrabberChannel& channel) override {
-        Play(Op::InitializeSDK, channel, nullptr);
+    using Channel = vc::ClFrameGrabberChannel;
+    void InitializeSDK(Channel& c) override { Play(Op::InitializeSDK, &c, nullptr); }
+    void UninitializeSDK(Channel& c) override { Play(Op::UninitializeSDK, &c, nullptr); }
+    void SetActiveChannel(Channel& c, ClSimpleBitmap& b) override {
+        Play(Op::SetActiveChannel, &c, &b);
     }
-    void UninitializeSDK(vc::ClFrameGrabberChannel& channel) override {
-        Play(Op::UninitializeSDK, channel, nullptr);
+    void GetLiveBitmap(Channel& c, ClSimpleBitmap& b) override { Play(Op::GetLiveBitmap, &c, &b); }
+    bool WaitForPlainFinger(Channel& c, ClSimpleBitmap& b) override {
+        return Play(Op::WaitForPlainFinger, &c, &b);
     }
-    void SetActiveChannel(vc::ClFrameGrabberChannel& channel, ClSimpleBitmap& bitmap) override {
-        Play(Op::SetActiveChannel, channel, &bitmap);
-    }
-    void GetLiveBitmap(vc::ClFrameGrabberChannel& channel, ClSimpleBitmap& bitmap) override {
-        Play(Op::GetLiveBitmap, channel, &bitmap);
-    }
-    bool WaitForPlainFinger(vc::ClFrameGrabberChannel& channel, ClSimpleBitmap& bitmap) override {
-        return Play(Op::WaitForPlainFinger, channel, &bitmap);
-    }
-    void StartLiveCapturing(vc::ClFrameGrabberChannel& channel) override {
-        Play(Op::StartLiveCapturing, channel, nullptr);
-    }
-    void StopLiveCapturing(vc::ClFrameGrabberChannel& channel) override {
-        Play(Op::StopLiveCapturing, channel, nullptr);
-    }
-    bool IsDirty(vc::ClFrameGrabberChannel& channel) override {
-        return Play(Op::IsDirty, channel, nullptr);
-    }
-    bool HasSelfDetection(vc::ClFrameGrabberChannel& channel) override {
-        return Play(Op::HasSelfDetection, channel, nullptr);
-    }
+    void StartLiveCapturing(Channel& c) override { Play(Op::StartLiveCapturing, &c, nullptr); }
+    void StopLiveCapturing(Channel& c) override { Play(Op::StopLiveCapturing, &c, nullptr); }
+    bool IsDirty(Channel& c) override { return Play(Op::IsDirty, &c, nullptr); }
+    bool HasSelfDetection(Channel& c) override { return Play(Op::HasSelfDetection, &c, nullptr); }
     bool Lock() override {
-        // A Lock that throws takes no lock.
-        const bool result = Play(Op::Lock, nullptr, nullptr);
-        if (m_nLockDepth.fetch_add(1) != 0) {
-            m_bLockMisused = true;
-        }
+        const bool result = Play(Op::Lock, nullptr, nullptr);  // a throwing Lock takes nothing
+        m_bLockMisused = m_bLockMisused || m_nLockDepth.fetch_add(1) != 0;
         return result;
     }
     void UnLock() override {
         // The lock is gone even when UnLock throws.
-        if (m_nLockDepth.fetch_sub(1) != 1) {
-            m_bLockMisused = true;
-        }
+        m_bLockMisused = m_bLockMisused || m_nLockDepth.fetch_sub(1) != 1;
         Play(Op::UnLock, nullptr, nullptr);
     }
-    void TriggerImage(vc::ClFrameGrabberChannel& channel, ClSimpleBitmap& bitmap) override {
-        Play(Op::TriggerImage, channel, &bitmap);
-    }
+    void TriggerImage(Channel& c, ClSimpleBitmap& b) override { Play(Op::TriggerImage, &c, &b); }
 
 private:
-    bool Play(Op op, vc::ClFrameGrabberChannel& channel, ClSimpleBitmap* bitmap) {
-        return Play(op, &channel, bitmap);
+    bool Play(Op op, Channel* channel, ClSimpleBitmap* bitmap) {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_Calls.push_back(op);
+        m_Threads.push_back(std::this_thread::get_id());
+        std::deque<Action>& queue = m_Script[op];
+        Action action = queue.empty() ? Default(op) : queue.front();
+        if (!queue.empty()) {
+            queue.pop_front();
+        }
+        if (action.gated || action.kind == Action::Park) {
+            m_bWaiting = true;
+            m_Changed.notify_all();
+            if (action.gated) {
+                Await(lock, m_Changed, [&] { return m_nReleases > 0; });
+                m_nReleases -= m_nReleases > 0 ? 1 : 0;
+            } else {
+                Await(lock, m_Changed, [&] { return !channel->IsRunning(); });
+            }
+            m_bWaiting = false;
+        }
+        m_Changed.notify_all();
+        const unsigned char stamp = ++m_nStamp;
+        lock.unlock();
+        switch (action.kind) {
+            case Action::Warning:
+                throw vc::ClVCWarning(action.text, 5);
+            case Action::Error:
+                throw vc::ClVCException(action.text, 31);
+            case Action::TextlessError:
+                throw kr7test::TextlessError();
+            case Action::StdError:
+                throw std::runtime_error(action.text);
+            case Action::TextlessStd:
+                throw TextlessStdError();
+            case Action::Park:
+                return false;
+            default:
+                break;
+        }
+        if (bitmap != nullptr) {
+            MakeFrame(*bitmap, action.width, action.height, action.fill, stamp);
+        }
+        if (action.kind == Action::Pause) {
+            channel->SetPaused(true);
+        }
+        return action.value;
     }
-    bool Play(Op op, vc::ClFrameGrabberChannel* channel, ClSimpleBitmap* bitmap);
-    Action Default(Op op) const;
+    Action Default(Op op) const {
+        const auto found = m_Defaults.find(op);
+        if (found != m_Defaults.end()) {
+            return found->second;
+        }
+        if (op == Op::IsDirty || op == Op::HasSelfDetection) {
+            return Action::Returns(false);
+        }
+        return Action::Image(op == Op::SetActiveChannel ? 255 : 200);
+    }
 
     mutable std::mutex m_Mutex;
     std::condition_variable m_Changed;
     std::map<Op, std::deque<Action>> m_Script;
     std::map<Op, Action> m_Defaults;
     std::vector<Op> m_Calls;
-    std::vector<std::thread::id> m_CallThreads;
+    std::vector<std::thread::id> m_Threads;
     int m_nReleases = 0;
     bool m_bWaiting = false;
-    bool m_bUnparked = false;
     unsigned char m_nStamp = 0;
     std::atomic<int> m_nLockDepth{0};
     std::atomic<bool> m_bLockMisused{false};
 };
 
-// One host callback as received.
+// One host callback as received; images are read during the call.
 struct Event {
     enum Kind { Start, Stop, Image, Result, Error, Warning };
-    explicit Event(Kind k) : kind(k) {}
+    Event(Kind k, int h, unsigned int t, int r = 0, std::string x = "")
+        : kind(k), handle(h), tag(t), result(r), text(std::move(x)) {}
     Kind kind;
-    int handle = 0;
-    unsigned int tag = 0;
-    int result = 0;
+    int handle;
+    unsigned int tag;
+    int result;
     std::string text;
-    bool nullText = false;
-    bool nullImage = false;
     long width = 0;
-    long height = 0;
-    unsigned char stamp = 0;   // first pixel
-    unsigned char middle = 0;  // a pixel in the middle of the image
+    unsigned char middle = 0;  // the pixel in the middle of the image
     void* user = nullptr;
-    std::thread::id thread;
+    std::thread::id thread = std::this_thread::get_id();
 };
 
-// The host: its callbacks record into the Host given as user pointer.
+// The host. Its callbacks record into the Host passed as user pointer.
 class Host {
 public:
-    static void OnImage(int handle, unsigned int tag, unsigned char* image, void* user);
-    static void OnResult(int handle, unsigned int tag, int result, unsigned char* image,
-                         void* user);
-    static void OnError(int handle, unsigned int tag, const char* text, void* user);
-    static void OnWarning(int handle, unsigned int tag, const char* text, void* user);
-    static void OnStart(int handle, unsigned int tag, void* user);
-    static void OnStop(int handle, unsigned int tag, void* user);
+    static void OnImage(int h, unsigned int t, unsigned char* image, void* user) {
+        Self(user).Record({Event::Image, h, t}, image, user);
+    }
+    static void OnResult(int h, unsigned int t, int result, unsigned char* image, void* user) {
+        Self(user).Record({Event::Result, h, t, result}, image, user);
+    }
+    static void OnError(int h, unsigned int t, const char* text, void* user) {
+        Self(user).Record({Event::Error, h, t, 0, text ? text : "(null)"}, nullptr, user);
+    }
+    static void OnWarning(int h, unsigned int t, const char* text, void* user) {
+        Self(user).Record({Event::Warning, h, t, 0, text ? text : "(null)"}, nullptr, user);
+    }
+    static void OnStart(int h, unsigned int t, void* user) {
+        Self(user).Record({Event::Start, h, t}, nullptr, user);
+    }
+    static void OnStop(int h, unsigned int t, void* user) {
+        Self(user).Record({Event::Stop, h, t}, nullptr, user);
+    }
 
     // Starts `channel` with all six callbacks of this host.
     bool Start(vc::ClFrameGrabberChannel& channel, vc::eCaptureModeIDs mode, int handle = 7) {
@@ -294,38 +276,64 @@ public:
         return channel.StartCapture(handle, mode, &Host::OnImage, &Host::OnResult, &Host::OnError,
                                     &Host::OnWarning, this);
     }
-
     std::vector<Event> Events() const {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Events;
     }
-    std::vector<Event> Events(Event::Kind kind) const;
+    std::vector<Event> Events(Event::Kind kind) const {
+        std::vector<Event> selected;
+        for (const Event& event : Events()) {
+            if (event.kind == kind) {
+                selected.push_back(event);
+            }
+        }
+        return selected;
+    }
+    std::vector<Event::Kind> Kinds() const {
+        std::vector<Event::Kind> kinds;
+        for (const Event& event : Events()) {
+            kinds.push_back(event.kind);
+        }
+        return kinds;
+    }
     int Count(Event::Kind kind) const { return static_cast<int>(Events(kind).size()); }
-    bool WaitFor(Event::Kind kind, int n);
-    // Called inside the image callback (on the worker) before it returns.
-    void OnEveryImage(std::function<void(const Event&)> hook) {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_ImageHook = std::move(hook);
+    bool WaitFor(Event::Kind kind, int n) {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        return Await(lock, m_Changed, [&] {
+            return std::count_if(m_Events.begin(), m_Events.end(),
+                                 [&](const Event& e) { return e.kind == kind; }) >= n;
+        });
     }
-    // The image callback throws this after recording.
-    void ThrowFromImage(std::function<void()> thrower) {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_ImageThrower = std::move(thrower);
-    }
+    std::function<void()> throwFromImage;  // set before the capture starts
 
 private:
-    void Record(Event event, const unsigned char* image);
+    static Host& Self(void* user) { return *static_cast<Host*>(user); }
+    void Record(Event event, const unsigned char* image, void* user) {
+        event.user = user;
+        if (image != nullptr) {
+            const auto* header = reinterpret_cast<const tagBITMAPINFOHEADER*>(image);
+            event.width = header->biWidth;
+            event.middle = ClSimpleBitmap::Pixel(
+                header)[ClSimpleBitmap::BPRow(header->biWidth, 8) * (header->biHeight / 2) +
+                        header->biWidth / 2];
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            m_Events.push_back(event);
+            m_Changed.notify_all();
+        }
+        if (event.kind == Event::Image && throwFromImage) {
+            throwFromImage();
+        }
+    }
 
     mutable std::mutex m_Mutex;
     std::condition_variable m_Changed;
     std::vector<Event> m_Events;
-    std::function<void(const Event&)> m_ImageHook;
-    std::function<void()> m_ImageThrower;
 };
 
-// A detector that answers from a script: each Detect takes the next
-// (result, output) pair; the output is a frame of the given width and fill
-// (width 0 leaves the output empty).
+// Each Detect takes the next (result, output fill, output width) answer; a
+// width of 0 leaves the output empty.
 class ScriptedDetection : public vc::ClImageDetection {
 public:
     struct Answer {
@@ -333,31 +341,27 @@ public:
         unsigned char fill;
         long width;
     };
-    ScriptedDetection(vc::eCaptureModeIDs type, std::vector<Answer> answers)
-        : m_eType(type), m_Answers(answers.begin(), answers.end()) {}
-
-    bool Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) override {
-        ++m_nCalls;
+    ScriptedDetection(vc::eCaptureModeIDs type, std::deque<Answer> answers)
+        : m_eType(type), m_Answers(std::move(answers)) {}
+    bool Detect(ClSimpleBitmap&, ClSimpleBitmap& output) override {
         if (m_Answers.empty()) {
             return false;
         }
         const Answer answer = m_Answers.front();
         m_Answers.pop_front();
         if (answer.width > 0) {
-            MakeFrame(output, answer.width, 40, answer.fill, input.Pixel()[0]);
+            MakeFrame(output, answer.width, 40, answer.fill, 0);
         }
         return answer.result;
     }
     vc::eCaptureModeIDs Type() const override { return m_eType; }
-    int Calls() const { return m_nCalls; }
 
 private:
     vc::eCaptureModeIDs m_eType;
     std::deque<Answer> m_Answers;
-    std::atomic<int> m_nCalls{0};
 };
 
-// A channel whose detector can be replaced by a scripted one just before its
+// A channel whose detector is swapped for `nextDetector` just before its
 // thread starts, and whose thread start can be made to fail.
 template <class Base>
 class ProbeChannel : public Base {
@@ -377,11 +381,10 @@ public:
     // Only while no worker runs.
     const ClSimpleBitmap& Background() const { return this->m_Background; }
     bool ProcessingDirty() const { return this->m_bProcessingDirty; }
-    bool RefreshPending() const { return this->m_bRefreshBackground; }
     vc::ClImageMacroProcessor& Chain() { return this->m_Processor; }
 };
 
-// A second host thread. It gets a small stack of its own: a thread with the
+// A second host thread with a small stack of its own: a thread with the
 // library's default stack would go into the C library's stack cache and be
 // handed to later threads that ask for less (the worker-thread tests look
 // at the stack size they get).
@@ -395,34 +398,28 @@ public:
         pthread_attr_destroy(&attributes);
     }
     ~HostThread() { Join(); }
-    HostThread(const HostThread&) = delete;
-    HostThread& operator=(const HostThread&) = delete;
-
     void Join() {
         if (m_bStarted) {
             pthread_join(m_Thread, nullptr);
             m_bStarted = false;
         }
     }
-    bool Done() const { return m_bDone.load(); }
+    bool Done() const { return m_bDone; }
 
 private:
     static void* Run(void* self) {
-        auto* thread = static_cast<HostThread*>(self);
-        thread->m_Body();
-        thread->m_bDone = true;
+        static_cast<HostThread*>(self)->m_Body();
+        static_cast<HostThread*>(self)->m_bDone = true;
         return nullptr;
     }
-
     std::function<void()> m_Body;
     pthread_t m_Thread{};
     bool m_bStarted = false;
     std::atomic<bool> m_bDone{false};
 };
 
-// Installs `sdk` as the channels' device SDK for the lifetime of the object.
-class SDKScope {
-public:
+// Installs `sdk` as the channels' device SDK while the object lives.
+struct SDKScope {
     explicit SDKScope(vc::ClFramegrabberSDK* sdk) {
         vc::ClFrameGrabberChannel::m_pFramegrabberSDK = sdk;
     }
