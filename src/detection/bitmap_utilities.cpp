@@ -21,23 +21,28 @@ long ClBitmapUtilities::Gray_Avarage(const ClSimpleBitmap& image, long first, lo
     if (view.height == 0 || count <= 0) {
         return 0;
     }
-    std::int64_t total = 0;
     if (first == 0 && count == view.width) {
-        total = static_cast<std::int64_t>(detail::PixelTotal(view));
-    } else {
-        // Row y contributes the bytes [y × stride + 2 × first, + count). Such a
-        // window may run on into the next row; past the last row nothing is read.
-        for (long y = 0; y < view.height; ++y) {
-            const long start = y * view.stride + 2 * first;
-            const long lo = std::max(start, 0L);
-            const long hi = std::min(start + count, view.size);
-            if (hi > lo) {
-                total += static_cast<std::int64_t>(
-                    detail::SumBytes(view.pixels + lo, static_cast<std::size_t>(hi - lo)));
-            }
+        return detail::TruncatedMean(static_cast<std::int64_t>(detail::PixelTotal(view)),
+                                     static_cast<std::int64_t>(view.height) * count);
+    }
+    // Row y contributes the bytes [y × stride + 2 × first, + count). Such a
+    // window may run on into the next row. Bytes outside the pixel rows (past
+    // the last row of a right-edge strip) are not read, and the mean is taken
+    // over the bytes read: for every window inside the rows that is
+    // height × count.
+    std::int64_t total = 0;
+    std::int64_t read = 0;
+    for (long y = 0; y < view.height; ++y) {
+        const long start = y * view.stride + 2 * first;
+        const long lo = std::max(start, 0L);
+        const long hi = std::min(start + count, view.size);
+        if (hi > lo) {
+            total += static_cast<std::int64_t>(
+                detail::SumBytes(view.pixels + lo, static_cast<std::size_t>(hi - lo)));
+            read += hi - lo;
         }
     }
-    return detail::TruncatedMean(total, static_cast<std::int64_t>(view.height) * count);
+    return detail::TruncatedMean(total, read);
 }
 
 long ClBitmapUtilities::Gray_Avarage(const ClSimpleBitmap& image) {

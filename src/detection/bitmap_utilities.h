@@ -13,8 +13,8 @@ public:
     // Mean gray of the strip [first, last), truncated. Each row contributes the
     // last - first bytes that start at byte 2 * first of that row: the doubled
     // start is what the detectors' references were tuned with and is kept.
-    // Bytes of such a window that lie past the last pixel row are not counted;
-    // a strip that yields no divisor (no rows, empty strip) gives 0.
+    // Bytes of such a window outside the pixel rows are left out of the mean;
+    // no rows or an empty strip give 0.
     static long Gray_Avarage(const Nvk::utilities::ClSimpleBitmap& image, long first, long last);
     static long Gray_Avarage(const Nvk::utilities::ClSimpleBitmap& image);
 };

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "detection/pixel_kernels.h"
 #include "image/simple_bitmap.h"
 
 namespace vc {
@@ -33,28 +34,16 @@ bool SameFormat(const Nvk::utilities::ClSimpleBitmap& a, const Nvk::utilities::C
 // in place instead of being freed and allocated again.
 void CopyFrame(Nvk::utilities::ClSimpleBitmap& dst, const Nvk::utilities::ClSimpleBitmap& src);
 
-// Gives dst src's header and colour table (reusing its block when the size
-// matches) and returns dst's pixel rows, whose content the caller then writes
-// in full. Returns null when src is empty (dst is then cleared).
-unsigned char* PrepareCopy(Nvk::utilities::ClSimpleBitmap& dst,
-                           const Nvk::utilities::ClSimpleBitmap& src);
-
-// Sum of n bytes.
-std::uint64_t SumBytes(const unsigned char* p, std::size_t n);
-
 // Sum of the `width` pixels of every row (the whole-image gray total).
 std::uint64_t PixelTotal(const FrameView& view);
 
-// dst := src while summing src's pixels in the same pass; returns the total
-// of PixelTotal(View(src)). dst may be src itself (nothing is copied then).
+// dst := src (see CopyFrame); returns PixelTotal(View(src)).
 std::uint64_t CopyAndTotal(Nvk::utilities::ClSimpleBitmap& dst,
                            const Nvk::utilities::ClSimpleBitmap& src);
 
-// Sum of each column over all rows, in one row-major pass. `sums` is resized
-// to view.width; `scratch` is working storage kept by the caller between
-// frames. Returns the total of all columns.
-std::uint64_t ColumnSums(const FrameView& view, std::vector<std::uint32_t>& sums,
-                         std::vector<std::uint16_t>& scratch);
+// Sum of each column over all rows; `sums` is resized to view.width. Returns
+// the total of all columns.
+std::uint64_t ColumnSums(const FrameView& view, std::vector<std::uint32_t>& sums);
 
 // Gray average convention of the detectors: total ÷ divisor in floating point,
 // truncated toward zero; 0 when the divisor is not positive.

@@ -125,10 +125,10 @@ void ClFastPlainFingerDetection::Reset() {
 }
 
 bool ClFastPlainFingerDetection::Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) {
-    // One pass hands the frame on to output and measures it: the gray sum and
-    // the whole-image average both come from that total. Only the delivery
-    // frame replaces output again, with the best image.
-    const std::uint64_t total = detail::CopyAndTotal(output, input);
+    // One pass measures the frame: the gray sum and the whole-image average
+    // both come from its total.
+    const detail::FrameView view = detail::View(input);
+    const std::uint64_t total = detail::PixelTotal(view);
     const auto graySum = static_cast<std::int32_t>(static_cast<std::uint32_t>(total));
 
     if (m_nReferenceGraySum < 1) {
@@ -136,12 +136,13 @@ bool ClFastPlainFingerDetection::Detect(ClSimpleBitmap& input, ClSimpleBitmap& o
     }
     Initialize(input);
 
-    if (detail::WholeAverage(input, detail::View(input), total) <= 241) {
+    if (detail::WholeAverage(input, view, total) <= 241) {
         if (graySum < m_nBestGraySum) {
             m_nBestGraySum = graySum;
             detail::CopyFrame(m_BestImage, input);
             ++m_nImprovementCount;
         }
+        detail::CopyFrame(output, input);
         return false;
     }
     if (m_nImprovementCount > 0) {
@@ -149,6 +150,7 @@ bool ClFastPlainFingerDetection::Detect(ClSimpleBitmap& input, ClSimpleBitmap& o
         Reset();
         return true;
     }
+    detail::CopyFrame(output, input);
     return false;
 }
 

@@ -63,6 +63,9 @@ public:
     // True when every pixel of the middle row is 0 (or there is no row).
     bool BlackImage(Nvk::utilities::ClSimpleBitmap& image) const;
 
+    unsigned long Threshold() const { return m_nThreshold; }
+    std::uint32_t Reserved() const { return m_nReserved; }  // always 0
+
 private:
     std::uint32_t m_nReserved = 0;
     unsigned long m_nThreshold;  // only its low 8 bits are used

@@ -90,7 +90,7 @@ void ClRolledFingerVC1::Initialize(const ClSimpleBitmap& image) {
 
 void ClRolledFingerVC1::TakeBackground(const ClSimpleBitmap& image) {
     const detail::FrameView view = detail::View(image);
-    detail::ColumnSums(view, m_vFrameSums, m_vScratch);
+    detail::ColumnSums(view, m_vFrameSums);
     long threshold = view.width * 255L;
     m_vColumnSums.resize(static_cast<std::size_t>(view.width));
     for (std::size_t c = 0; c < m_vColumnSums.size(); ++c) {
@@ -112,40 +112,34 @@ void ClRolledFingerVC1::Compose(const ClSimpleBitmap& input, ClSimpleBitmap& out
         detail::CopyFrame(output, m_Composed);
         return;
     }
-    // Columns darker than ever before are taken over (the mask marks them).
-    m_vMask.assign(static_cast<std::size_t>(view.stride), 0);
-    long firstColumn = view.width;
-    long lastColumn = -1;
+    // Columns darker than ever before are taken over. They usually form one
+    // run (the band the finger rolled onto): each run is copied down the
+    // rows; a mask scattered over many runs is blended over its span instead.
+    m_vTaken.assign(static_cast<std::size_t>(view.width), 0);
+    m_vRuns.clear();
     for (long c = 0; c < view.width; ++c) {
         const long sum = m_vFrameSums[static_cast<std::size_t>(c)];
         if (sum < m_vColumnSums[static_cast<std::size_t>(c)]) {
             m_vColumnSums[static_cast<std::size_t>(c)] = sum;
-            m_vMask[static_cast<std::size_t>(c)] = 0xFF;
-            firstColumn = std::min(firstColumn, c);
-            lastColumn = c;
+            m_vTaken[static_cast<std::size_t>(c)] = 0xFF;
+            if (!m_vRuns.empty() && m_vRuns.back().second == c) {
+                m_vRuns.back().second = c + 1;
+            } else {
+                m_vRuns.emplace_back(c, c + 1);
+            }
         }
     }
-    if (lastColumn < 0) {
-        detail::CopyFrame(output, m_Composed);
-        return;
-    }
-    // One pass over the rows updates the composed image and writes it to output.
-    unsigned char* out = detail::PrepareCopy(output, m_Composed);
-    unsigned char* composed = m_Composed.Pixel();
-    const unsigned char* mask = m_vMask.data();
-    const long spanEnd = lastColumn + 1;
-    for (long y = 0; y < view.height; ++y) {
-        const unsigned char* in = view.Row(y);
-        unsigned char* comp = composed + y * view.stride;
-        unsigned char* dst = out + y * view.stride;
-        for (long c = firstColumn; c < spanEnd; ++c) {
-            const unsigned char m = mask[c];
-            comp[c] = static_cast<unsigned char>((in[c] & m) | (comp[c] & ~m));
+    constexpr std::size_t kMaxRunCopies = 4;
+    if (m_vRuns.size() <= kMaxRunCopies) {
+        for (const auto& run : m_vRuns) {
+            detail::CopyColumns(view.pixels, m_Composed.Pixel(), view.height, view.stride,
+                                run.first, run.second);
         }
-        if (dst != comp) {
-            std::memcpy(dst, comp, static_cast<std::size_t>(view.stride));
-        }
+    } else {
+        detail::TakeColumns(view.pixels, m_Composed.Pixel(), view.height, view.stride,
+                            m_vTaken.data(), m_vRuns.front().first, m_vRuns.back().second);
     }
+    detail::CopyFrame(output, m_Composed);
 }
 
 bool ClRolledFingerVC1::Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) {
@@ -165,7 +159,7 @@ bool ClRolledFingerVC1::Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) {
         return false;
     }
     // Rolling: the column sums of this frame give the finger test as well.
-    const std::uint64_t total = detail::ColumnSums(view, m_vFrameSums, m_vScratch);
+    const std::uint64_t total = detail::ColumnSums(view, m_vFrameSums);
     if (m_nReferenceGray - detail::WholeAverage(input, view, total) > 19) {
         Compose(input, output);
         return false;
@@ -215,10 +209,8 @@ long ClRolledFinger::Gray_Avarage(const ClSimpleBitmap& image, eDetectArea area)
         const long first = area == eLeftStrip ? 0 : std::max(view.width - m_cnDetectRowCount, 0L);
         const long last =
             area == eLeftStrip ? std::min(m_cnDetectRowCount, view.width) : view.width;
-        for (long y = 0; y < view.height; ++y) {
-            total += static_cast<std::int64_t>(
-                detail::SumBytes(view.Row(y) + first, static_cast<std::size_t>(last - first)));
-        }
+        total = static_cast<std::int64_t>(
+            detail::SumStrip(view.pixels + first, view.height, view.stride, last - first));
     }
     return detail::TruncatedMean(total,
                                  static_cast<std::int64_t>(view.height) * m_cnDetectRowCount);
@@ -253,20 +245,28 @@ long ClRolledFinger::LineAvarage(const unsigned char* row, long count) {
                              static_cast<std::uint64_t>(count));
 }
 
+// Prefix means are compared without dividing: for x > 0,
+// floor(prefix / x) <= b exactly when prefix < (b + 1) × x. A division is
+// made only when the best mean changes.
 long ClRolledFinger::LineRand(const unsigned char* row, long from, long to) {
     if (from >= to) {
         return 0;
     }
-    // Running prefix sum instead of averaging each prefix anew.
     std::uint64_t prefix = from > 0 ? detail::SumBytes(row, static_cast<std::size_t>(from)) : 0;
-    long best = 255;
+    std::uint64_t best = 255;
     long position = 0;
     for (long x = from; x < to; ++x) {
-        const long average =
-            x <= 0 ? row[0] : static_cast<long>(prefix / static_cast<std::uint64_t>(x));
-        if (average <= best) {
-            best = average;
-            position = x;
+        if (x <= 0) {
+            if (row[0] <= best) {
+                best = row[0];
+                position = x;
+            }
+        } else {
+            const auto count = static_cast<std::uint64_t>(x);
+            if (prefix < (best + 1) * count) {
+                best = prefix / count;
+                position = x;
+            }
         }
         if (x >= 0) {
             prefix += row[x];
@@ -285,61 +285,98 @@ void ClRolledFinger::CalculateLineRand(const ClSimpleBitmap& image,
         return;
     }
     // All rows are measured on the first pixel row and a border is a byte, so
-    // LineRand(row, start, width) is needed for at most 256 starts. It is the
-    // latest position of the smallest prefix average in [start, width): found
-    // for every start by one backward pass over the prefix averages.
+    // LineRand(row, start, width) is needed for at most 256 starts: the latest
+    // position of the smallest prefix mean in [start, width). One backward
+    // pass over the prefix sums finds it for every start (a strictly smaller
+    // mean takes over, so among equal ones the latest stays).
     const unsigned char* row = view.Row(0);
     const long width = view.width;
     constexpr long kStarts = 256;
     m_vBorderOfStart.assign(kStarts, 0);
     if (width > 0) {
-        std::vector<long>& averages = m_vPrefixAverages;
-        averages.resize(static_cast<std::size_t>(width));
-        std::uint64_t prefix = 0;
+        std::vector<std::uint64_t>& prefix = m_vPrefixSums;
+        prefix.resize(static_cast<std::size_t>(width));
+        std::uint64_t sum = 0;
         for (long x = 0; x < width; ++x) {
-            averages[static_cast<std::size_t>(x)] =
-                x == 0 ? row[0] : static_cast<long>(prefix / static_cast<std::uint64_t>(x));
-            prefix += row[x];
+            prefix[static_cast<std::size_t>(x)] = sum;
+            sum += row[x];
         }
-        long best = std::numeric_limits<long>::max();
+        std::uint64_t best = 256;  // above every mean
         long position = 0;
-        for (long x = width - 1; x >= 0; --x) {
-            if (averages[static_cast<std::size_t>(x)] < best) {
-                best = averages[static_cast<std::size_t>(x)];
+        for (long x = width - 1; x >= 1; --x) {
+            const auto count = static_cast<std::uint64_t>(x);
+            if (prefix[static_cast<std::size_t>(x)] < best * count) {
+                best = prefix[static_cast<std::size_t>(x)] / count;
                 position = x;
             }
             if (x < kStarts) {
                 m_vBorderOfStart[static_cast<std::size_t>(x)] = position;
             }
         }
+        if (row[0] < best) {
+            position = 0;
+        }
+        m_vBorderOfStart[0] = position;
     }
     for (std::size_t y = 0; y < rows; ++y) {
         newBorders[y] = static_cast<unsigned char>(m_vBorderOfStart[borders[y]]);
     }
 }
 
-void ClRolledFinger::CopyBitmapRow(const ClSimpleBitmap& from, ClSimpleBitmap& to, long row,
-                                   long begin, long end) {
-    const detail::FrameView source = detail::View(from);
-    const detail::FrameView target = detail::View(to);
+namespace {
+
+// Pixels [begin, end) of `row` from `source` to the same bytes of `target`
+// (source's row stride for both), kept inside both images.
+void CopyRowSpan(const detail::FrameView& source, unsigned char* target, long targetSize, long row,
+                 long begin, long end) {
     begin = std::max(begin, 0L);
     end = std::min(end, source.width);
     if (end <= begin || row < 0 || row >= source.height) {
         return;
     }
     const long at = row * source.stride + begin;
-    const long count = std::min(end - begin, target.size - at);
+    const long count = std::min(end - begin, targetSize - at);
     if (count > 0) {
-        std::memcpy(to.Pixel() + at, source.pixels + at, static_cast<std::size_t>(count));
+        std::memcpy(target + at, source.pixels + at, static_cast<std::size_t>(count));
     }
+}
+
+}  // namespace
+
+void ClRolledFinger::CopyBitmapRow(const ClSimpleBitmap& from, ClSimpleBitmap& to, long row,
+                                   long begin, long end) {
+    CopyRowSpan(detail::View(from), to.Pixel(), detail::View(to).size, row, begin, end);
 }
 
 void ClRolledFinger::BitmapProfilCopy(const ClSimpleBitmap& from, ClSimpleBitmap& to,
                                       const std::vector<unsigned char>& borders,
                                       const std::vector<unsigned char>& newBorders) {
+    const detail::FrameView source = detail::View(from);
+    unsigned char* target = to.Pixel();
+    const long targetSize = detail::View(to).size;
     const std::size_t rows = std::min(borders.size(), newBorders.size());
+    if (rows == 0) {
+        return;
+    }
+    // The borders move as one vertical border, so the spans are normally the
+    // same in every row: then one strided copy takes them all.
+    const long begin = borders[0];
+    const long end = std::min(static_cast<long>(newBorders[0]), source.width);
+    const long spanRows = std::min(static_cast<long>(rows), source.height);
+    const bool uniform =
+        std::all_of(borders.begin(), borders.begin() + static_cast<long>(rows),
+                    [&](unsigned char b) { return b == borders[0]; }) &&
+        std::all_of(newBorders.begin(), newBorders.begin() + static_cast<long>(rows),
+                    [&](unsigned char b) { return b == newBorders[0]; });
+    if (uniform && (end <= begin || spanRows <= 0)) {
+        return;
+    }
+    if (uniform && (spanRows - 1) * source.stride + end <= targetSize) {
+        detail::CopyColumns(source.pixels, target, spanRows, source.stride, begin, end);
+        return;
+    }
     for (std::size_t y = 0; y < rows; ++y) {
-        CopyBitmapRow(from, to, static_cast<long>(y), borders[y], newBorders[y]);
+        CopyRowSpan(source, target, targetSize, static_cast<long>(y), borders[y], newBorders[y]);
     }
 }
 

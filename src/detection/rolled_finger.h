@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "detection/image_detection.h"
@@ -60,8 +61,8 @@ private:
 
     // Working storage reused from frame to frame (no meaning between frames).
     std::vector<std::uint32_t> m_vFrameSums;
-    std::vector<std::uint16_t> m_vScratch;
-    std::vector<unsigned char> m_vMask;
+    std::vector<unsigned char> m_vTaken;
+    std::vector<std::pair<long, long>> m_vRuns;  // [first, last) of taken columns
 };
 
 // Composes row spans from a moving vertical border: while the finger rolls,
@@ -133,7 +134,7 @@ private:
     // Working storage reused from frame to frame.
     std::vector<unsigned char> m_vNewBorders;
     std::vector<long> m_vBorderOfStart;
-    std::vector<long> m_vPrefixAverages;
+    std::vector<std::uint64_t> m_vPrefixSums;
 };
 
 }  // namespace vc
