@@ -4,6 +4,8 @@
    its address is null. */
 __asm__(".globl kr7_null_symbol\n.set kr7_null_symbol, 0\n");
 
-int kr7_answer(void) { return 42; }
+int kr7_answer(void) {
+    return 42;
+}
 
 int kr7_data = 7;

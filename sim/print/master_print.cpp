@@ -1,0 +1,582 @@
+#include "print/master_print.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <utility>
+
+#include "print/rng.h"
+
+namespace kr7sim {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr int kAngles = 32;
+constexpr int kPeriods = 6;
+constexpr float kGrowthGain = 4.0f;
+constexpr int kSeedCount = 15;
+constexpr int kMaxPasses = 60;
+constexpr double kStopFraction = 0.003;
+constexpr float kChangeEpsilon = 0.05f;  // with a sign change: ridge became valley
+constexpr int kBlock = 8;
+constexpr int kPixelsPerDefect = 1200;
+constexpr int kDefectPasses = 12;
+
+// Stream identifiers keep the random draws of different purposes apart.
+constexpr uint64_t kStreamLayout = 0x4C41594F5554ull;
+constexpr uint64_t kStreamPeriod = 0x504552494F44ull;
+constexpr uint64_t kStreamSeeds = 0x5345454453ull;
+constexpr uint64_t kStreamPores = 0x504F524553ull;
+constexpr uint64_t kStreamDefects = 0x444546454354ull;
+
+struct Layout {
+    FingerClass finger_class;
+    std::vector<Point> cores;
+    std::vector<Point> deltas;
+    // Closed-form arch: ridge lines y = c - A(y) exp(-(x-x0)^2 / 2 s^2).
+    double arch_x0 = 0, arch_ym = 0, arch_amp = 0, arch_sx = 1, arch_sy = 1;
+};
+
+Layout PlaceSingularities(FingerClass cls, int w, int h, Rng& rng) {
+    Layout l;
+    l.finger_class = cls;
+    const double cx = w * rng.Uniform(0.40, 0.60);
+    const double cy = h * rng.Uniform(0.35, 0.50);
+    auto pt = [](double x, double y) {
+        return Point{static_cast<float>(x), static_cast<float>(y)};
+    };
+    switch (cls) {
+        case FingerClass::Arch:
+            l.arch_x0 = cx;
+            l.arch_ym = h * rng.Uniform(0.45, 0.60);
+            l.arch_amp = rng.Uniform(45.0, 75.0);
+            l.arch_sx = rng.Uniform(65.0, 95.0);
+            l.arch_sy = rng.Uniform(90.0, 140.0);
+            break;
+        case FingerClass::TentedArch:
+            l.cores.push_back(pt(cx, cy));
+            l.deltas.push_back(pt(cx + rng.Uniform(-6.0, 6.0), cy + rng.Uniform(45.0, 70.0)));
+            break;
+        case FingerClass::LeftLoop:
+        case FingerClass::RightLoop: {
+            // A left loop opens to the left; its delta lies to the right.
+            const double side = cls == FingerClass::LeftLoop ? 1.0 : -1.0;
+            const double dist = rng.Uniform(95.0, 145.0);
+            const double ang = rng.Uniform(30.0, 55.0) * kPi / 180.0;
+            l.cores.push_back(pt(cx, cy));
+            l.deltas.push_back(pt(cx + side * dist * std::sin(ang), cy + dist * std::cos(ang)));
+            break;
+        }
+        case FingerClass::Whorl: {
+            const double sep = rng.Uniform(15.0, 30.0);
+            const double ang = rng.Uniform(-0.7, 0.7);
+            const double dx = 0.5 * sep * std::cos(ang), dy = 0.5 * sep * std::sin(ang);
+            l.cores.push_back(pt(cx - dx, cy - dy));
+            l.cores.push_back(pt(cx + dx, cy + dy));
+            l.deltas.push_back(pt(cx - rng.Uniform(100.0, 140.0), cy + rng.Uniform(80.0, 130.0)));
+            l.deltas.push_back(pt(cx + rng.Uniform(100.0, 140.0), cy + rng.Uniform(80.0, 130.0)));
+            break;
+        }
+    }
+    return l;
+}
+
+// Ridge orientation before smoothing, in image coordinates (y down).
+double RawOrientation(const Layout& l, double x, double y) {
+    if (l.finger_class == FingerClass::Arch) {
+        const double dx = x - l.arch_x0;
+        const double dy = (y - l.arch_ym) / l.arch_sy;
+        const double amp = l.arch_amp * std::exp(-dy * dy);
+        const double slope =
+            amp * dx / (l.arch_sx * l.arch_sx) * std::exp(-dx * dx / (2 * l.arch_sx * l.arch_sx));
+        return std::atan(slope);
+    }
+    // Zero-pole model evaluated with y pointing up, then mirrored back: a
+    // direction angle a (y up) is the angle -a with y down.
+    double sum = 0;
+    for (const Point& c : l.cores)
+        sum += std::atan2(-(y - c.y), x - c.x);
+    for (const Point& d : l.deltas)
+        sum -= std::atan2(-(y - d.y), x - d.x);
+    return -0.5 * sum;
+}
+
+void GaussianBlur(std::vector<float>& img, int w, int h, double sigma) {
+    const int r = static_cast<int>(std::ceil(3 * sigma));
+    std::vector<float> k(2 * r + 1);
+    double total = 0;
+    for (int i = -r; i <= r; ++i)
+        total += k[i + r] = static_cast<float>(std::exp(-i * i / (2 * sigma * sigma)));
+    for (float& v : k)
+        v = static_cast<float>(v / total);
+    std::vector<float> tmp(img.size());
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            float acc = 0;
+            for (int i = -r; i <= r; ++i)
+                acc += k[i + r] * img[y * w + std::clamp(x + i, 0, w - 1)];
+            tmp[y * w + x] = acc;
+        }
+    }
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            float acc = 0;
+            for (int i = -r; i <= r; ++i)
+                acc += k[i + r] * tmp[std::clamp(y + i, 0, h - 1) * w + x];
+            img[y * w + x] = acc;
+        }
+    }
+}
+
+// One oriented, zero-mean Gabor kernel stored as row spans whose lengths are
+// rounded up to a multiple of four (padding taps are zero).
+struct Kernel {
+    int radius = 0;
+    std::vector<int> row_start;  // column offset of each row's first tap
+    std::vector<int> row_len;    // taps in the row, multiple of 4
+    std::vector<float> taps;
+};
+
+Kernel MakeKernel(double theta, double period) {
+    Kernel k;
+    const double sigma = 0.40 * period;
+    k.radius = static_cast<int>(std::ceil(2.5 * sigma));
+    const int r = k.radius;
+    const double rr = (r + 0.5) * (r + 0.5);
+    const double nx = -std::sin(theta), ny = std::cos(theta);  // ridge normal
+    std::vector<double> full((2 * r + 1) * (2 * r + 1), 0.0);
+    std::vector<double> wave(full.size(), 0.0);
+    double sum = 0;
+    int count = 0;
+    for (int v = -r; v <= r; ++v) {
+        for (int u = -r; u <= r; ++u) {
+            if (u * u + v * v > rr)
+                continue;
+            const double n = u * nx + v * ny;
+            const double c = std::cos(2 * kPi * n / period);
+            const size_t i = (v + r) * (2 * r + 1) + (u + r);
+            full[i] = std::exp(-(u * u + v * v) / (2 * sigma * sigma)) * c;
+            wave[i] = c;
+            sum += full[i];
+            ++count;
+        }
+    }
+    const double mean = sum / count;
+    double response = 0;  // to a unit cosine wave along the normal
+    for (int v = -r; v <= r; ++v) {
+        for (int u = -r; u <= r; ++u) {
+            if (u * u + v * v > rr)
+                continue;
+            const size_t i = (v + r) * (2 * r + 1) + (u + r);
+            full[i] -= mean;
+            response += full[i] * wave[i];
+        }
+    }
+    for (int v = -r; v <= r; ++v) {
+        const int half = static_cast<int>(std::floor(std::sqrt(rr - v * v)));
+        const int len = (2 * half + 1 + 3) & ~3;
+        k.row_start.push_back(-half);
+        k.row_len.push_back(len);
+        for (int j = 0; j < len; ++j) {
+            const int u = -half + j;
+            const bool inside = u <= r && u * u + v * v <= rr;
+            k.taps.push_back(
+                inside ? static_cast<float>(full[(v + r) * (2 * r + 1) + (u + r)] / response)
+                       : 0.0f);
+        }
+    }
+    return k;
+}
+
+// Kernel response at `center` (a pointer into a zero-padded image with the
+// given row stride). Works on four lanes at a time with the compilers' vector
+// extension (GCC and Clang); the lane order of the sums is fixed, so the
+// result does not depend on the instruction set.
+typedef float Lanes __attribute__((vector_size(16)));
+
+// The taps stay inside the canvas padding by construction (the padding is the
+// largest kernel radius plus the row rounding); sanitizer builds skip the
+// per-tap checks here, which would otherwise dominate their run time. Both
+// functions carry the same attribute so that one inlines into the other.
+#define KR7SIM_HOT_LOOP __attribute__((no_sanitize("address", "undefined")))
+
+KR7SIM_HOT_LOOP inline Lanes Load(const float* p) {
+    Lanes v;
+    __builtin_memcpy(&v, p, sizeof v);
+    return v;
+}
+
+KR7SIM_HOT_LOOP inline float Apply(const Kernel& k, const float* center, int stride) {
+    Lanes acc0 = {0, 0, 0, 0}, acc1 = {0, 0, 0, 0};
+    const float* t = k.taps.data();
+    const int* starts = k.row_start.data();
+    const int* lens = k.row_len.data();
+    for (int v = -k.radius; v <= k.radius; ++v) {
+        const int row = v + k.radius;
+        const float* p = center + v * stride + starts[row];
+        const int len = lens[row];
+        int j = 0;
+        for (; j + 8 <= len; j += 8) {
+            acc0 += Load(t + j) * Load(p + j);
+            acc1 += Load(t + j + 4) * Load(p + j + 4);
+        }
+        if (j < len)
+            acc0 += Load(t + j) * Load(p + j);
+        t += len;
+    }
+    const Lanes acc = acc0 + acc1;
+    return (acc[0] + acc[1]) + (acc[2] + acc[3]);
+}
+
+}  // namespace
+
+const char* FingerClassName(FingerClass c) {
+    switch (c) {
+        case FingerClass::Arch:
+            return "arch";
+        case FingerClass::TentedArch:
+            return "tented arch";
+        case FingerClass::LeftLoop:
+            return "left loop";
+        case FingerClass::RightLoop:
+            return "right loop";
+        case FingerClass::Whorl:
+            return "whorl";
+    }
+    return "unknown";
+}
+
+FingerClass ClassFromUniform(double u) {
+    if (u < 0.037)
+        return FingerClass::Arch;
+    if (u < 0.066)
+        return FingerClass::TentedArch;
+    if (u < 0.404)
+        return FingerClass::LeftLoop;
+    if (u < 0.721)
+        return FingerClass::RightLoop;
+    return FingerClass::Whorl;
+}
+
+float MasterPrint::SampleRidge(float x, float y) const {
+    const float fx = std::floor(x), fy = std::floor(y);
+    const int x0 = static_cast<int>(fx), y0 = static_cast<int>(fy);
+    const float ax = x - fx, ay = y - fy;
+    auto at = [&](int xx, int yy) {
+        return (xx < 0 || yy < 0 || xx >= width || yy >= height) ? 0.0f : RidgeAt(xx, yy);
+    };
+    if (x0 < -1 || y0 < -1 || x0 >= width || y0 >= height)
+        return 0.0f;
+    return (1 - ay) * ((1 - ax) * at(x0, y0) + ax * at(x0 + 1, y0)) +
+           ay * ((1 - ax) * at(x0, y0 + 1) + ax * at(x0 + 1, y0 + 1));
+}
+
+float MasterPrint::OrientationNear(float x, float y) const {
+    const int xi = std::clamp(static_cast<int>(std::lround(x)), 0, width - 1);
+    const int yi = std::clamp(static_cast<int>(std::lround(y)), 0, height - 1);
+    return orientation[static_cast<size_t>(yi) * width + xi];
+}
+
+float MasterPrint::PeriodNear(float x, float y) const {
+    const int xi = std::clamp(static_cast<int>(std::lround(x)), 0, width - 1);
+    const int yi = std::clamp(static_cast<int>(std::lround(y)), 0, height - 1);
+    return period[static_cast<size_t>(yi) * width + xi];
+}
+
+MasterPrint GenerateMasterPrint(const MasterRequest& req) {
+    MasterPrint m;
+    m.seed = req.seed;
+    m.width = req.width > 0 ? req.width : (req.rolled ? kRolledCanvasWidth : kPlainCanvasWidth);
+    m.height =
+        req.height > 0 ? req.height : (req.rolled ? kRolledCanvasHeight : kPlainCanvasHeight);
+    const int w = m.width, h = m.height;
+    const size_t n = static_cast<size_t>(w) * h;
+
+    // Class and singular points.
+    Rng layout_rng(HashWords(req.seed, kStreamLayout));
+    const double class_draw = layout_rng.Uniform();
+    const FingerClass cls = req.force_class ? req.finger_class : ClassFromUniform(class_draw);
+    const Layout layout = PlaceSingularities(cls, w, h, layout_rng);
+    m.finger_class = cls;
+    m.cores = layout.cores;
+    m.deltas = layout.deltas;
+
+    // Orientation, smoothed as the doubled-angle vector.
+    std::vector<float> c2(n), s2(n);
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const double t = RawOrientation(layout, x, y);
+            c2[y * w + x] = static_cast<float>(std::cos(2 * t));
+            s2[y * w + x] = static_cast<float>(std::sin(2 * t));
+        }
+    }
+    GaussianBlur(c2, w, h, 5.0);
+    GaussianBlur(s2, w, h, 5.0);
+    m.orientation.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        double t = 0.5 * std::atan2(s2[i], c2[i]);
+        if (t < 0)
+            t += kPi;
+        if (t >= kPi)
+            t -= kPi;
+        m.orientation[i] = static_cast<float>(t);
+    }
+
+    // Ridge period: a smooth field from three long plane waves.
+    Rng period_rng(HashWords(req.seed, kStreamPeriod));
+    const double base = period_rng.Uniform(8.5, 10.0);
+    double kx[3], ky[3], ph[3];
+    for (int i = 0; i < 3; ++i) {
+        const double wl = period_rng.Uniform(180.0, 400.0);
+        const double dir = period_rng.Uniform(0.0, kPi);
+        kx[i] = 2 * kPi / wl * std::cos(dir);
+        ky[i] = 2 * kPi / wl * std::sin(dir);
+        ph[i] = period_rng.Uniform(0.0, 2 * kPi);
+    }
+    m.period.resize(n);
+    double period_sum = 0;
+    float tmin = 1e9f, tmax = 0;
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            double v = 0;
+            for (int i = 0; i < 3; ++i)
+                v += std::cos(kx[i] * x + ky[i] * y + ph[i]);
+            const float t = static_cast<float>(std::clamp(base * (1.0 + 0.035 * v), 7.5, 12.0));
+            m.period[y * w + x] = t;
+            period_sum += t;
+            tmin = std::min(tmin, t);
+            tmax = std::max(tmax, t);
+        }
+    }
+    m.mean_period = static_cast<float>(period_sum / n);
+
+    // Kernel bank over the periods this print actually uses.
+    if (tmax - tmin < 0.5f) {
+        const float mid = 0.5f * (tmin + tmax);
+        tmin = mid - 0.25f;
+        tmax = mid + 0.25f;
+    }
+    const float pstep = (tmax - tmin) / (kPeriods - 1);
+    std::vector<Kernel> bank;
+    bank.reserve(kAngles * kPeriods);
+    int max_radius = 0;
+    for (int a = 0; a < kAngles; ++a) {
+        for (int p = 0; p < kPeriods; ++p) {
+            bank.push_back(MakeKernel(a * kPi / kAngles, tmin + p * pstep));
+            max_radius = std::max(max_radius, bank.back().radius);
+        }
+    }
+    std::vector<uint16_t> kernel_of(n);
+    for (size_t i = 0; i < n; ++i) {
+        const int a = static_cast<int>(std::lround(m.orientation[i] / (kPi / kAngles))) % kAngles;
+        const int p = std::clamp(static_cast<int>(std::lround((m.period[i] - tmin) / pstep)), 0,
+                                 kPeriods - 1);
+        kernel_of[i] = static_cast<uint16_t>(a * kPeriods + p);
+    }
+
+    // Growth on zero-padded, double-buffered canvases.
+    const int pad = max_radius + 4;  // +4: row spans are padded to a multiple of four
+    const int stride = w + 2 * pad;
+    std::vector<float> cur(static_cast<size_t>(stride) * (h + 2 * pad), 0.0f);
+    std::vector<float> nxt(cur.size(), 0.0f);
+    auto at = [&](std::vector<float>& buf, int x, int y) -> float& {
+        return buf[static_cast<size_t>(y + pad) * stride + x + pad];
+    };
+
+    const int bw = (w + kBlock - 1) / kBlock, bh = (h + kBlock - 1) / kBlock;
+    std::vector<uint8_t> active(static_cast<size_t>(bw) * bh, 0), changed(active.size(), 0);
+    const int reach = (max_radius + kBlock - 1) / kBlock;
+    auto dilate_into_active = [&](const std::vector<uint8_t>& src) {
+        std::fill(active.begin(), active.end(), 0);
+        for (int by = 0; by < bh; ++by) {
+            for (int bx = 0; bx < bw; ++bx) {
+                if (!src[by * bw + bx])
+                    continue;
+                for (int yy = std::max(0, by - reach); yy <= std::min(bh - 1, by + reach); ++yy)
+                    for (int xx = std::max(0, bx - reach); xx <= std::min(bw - 1, bx + reach); ++xx)
+                        active[yy * bw + xx] = 1;
+            }
+        }
+    };
+
+    Rng seed_rng(HashWords(req.seed, kStreamSeeds));
+    for (int s = 0; s < kSeedCount; ++s) {
+        const int sx =
+            12 + static_cast<int>(seed_rng.Below(static_cast<uint32_t>(std::max(1, w - 24))));
+        const int sy =
+            12 + static_cast<int>(seed_rng.Below(static_cast<uint32_t>(std::max(1, h - 24))));
+        for (int dy = -3; dy <= 3; ++dy) {
+            for (int dx = -3; dx <= 3; ++dx) {
+                const int x = sx + dx, y = sy + dy;
+                if (dx * dx + dy * dy > 9 || x < 0 || y < 0 || x >= w || y >= h)
+                    continue;
+                at(cur, x, y) = at(nxt, x, y) = static_cast<float>(seed_rng.Uniform(-1.0, 1.0));
+            }
+        }
+        changed[(sy / kBlock) * bw + sx / kBlock] = 1;
+    }
+    dilate_into_active(changed);
+
+    GrowthStats stats;
+    // Runs growth passes over the active blocks until fewer than 0.3 % of
+    // the pixels flip between ridge and valley (once the canvas is covered)
+    // or `max_passes` have run.
+    auto grow = [&](int max_passes, int& passes) {
+        for (int pass = 0; pass < max_passes; ++pass) {
+            size_t changed_pixels = 0, covered = 0;
+            std::fill(changed.begin(), changed.end(), 0);
+            for (int by = 0; by < bh; ++by) {
+                for (int bx = 0; bx < bw; ++bx) {
+                    if (!active[by * bw + bx])
+                        continue;
+                    const int x1 = std::min(w, (bx + 1) * kBlock),
+                              y1 = std::min(h, (by + 1) * kBlock);
+                    for (int y = by * kBlock; y < y1; ++y) {
+                        for (int x = bx * kBlock; x < x1; ++x) {
+                            const float old = at(cur, x, y);
+                            const float r = Apply(bank[kernel_of[static_cast<size_t>(y) * w + x]],
+                                                  &at(cur, x, y), stride);
+                            const float v = std::clamp(kGrowthGain * r, -1.0f, 1.0f);
+                            at(nxt, x, y) = v;
+                            if ((v > 0) != (old > 0) && std::fabs(v - old) > kChangeEpsilon) {
+                                ++changed_pixels;
+                                changed[by * bw + bx] = 1;
+                            }
+                        }
+                    }
+                    stats.pixel_updates += (x1 - bx * kBlock) * (y1 - by * kBlock);
+                }
+            }
+            for (int by = 0; by < bh; ++by) {
+                for (int bx = 0; bx < bw; ++bx) {
+                    if (!active[by * bw + bx])
+                        continue;
+                    const int x1 = std::min(w, (bx + 1) * kBlock),
+                              y1 = std::min(h, (by + 1) * kBlock);
+                    for (int y = by * kBlock; y < y1; ++y)
+                        for (int x = bx * kBlock; x < x1; ++x)
+                            at(cur, x, y) = at(nxt, x, y);
+                }
+            }
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    covered += std::fabs(at(cur, x, y)) > 0.05f;
+            passes += 1;
+            stats.last_changed_fraction = static_cast<double>(changed_pixels) / n;
+            if (changed_pixels < kStopFraction * n && covered >= 0.98 * n)
+                break;
+            dilate_into_active(changed);
+        }
+    };
+    grow(kMaxPasses, stats.passes);
+
+    // Growth alone settles into long, regular ridges with fewer minutiae than
+    // real fingers show. Small scrambled patches, grown over again, heal into
+    // ridge endings, bifurcations and short ridges.
+    Rng defect_rng(HashWords(req.seed, kStreamDefects));
+    std::fill(changed.begin(), changed.end(), 0);
+    const int defects = static_cast<int>(n / kPixelsPerDefect);
+    for (int d = 0; d < defects; ++d) {
+        const int sx =
+            8 + static_cast<int>(defect_rng.Below(static_cast<uint32_t>(std::max(1, w - 16))));
+        const int sy =
+            8 + static_cast<int>(defect_rng.Below(static_cast<uint32_t>(std::max(1, h - 16))));
+        const int r = 6 + static_cast<int>(defect_rng.Below(7));
+        for (int dy = -r; dy <= r; ++dy) {
+            for (int dx = -r; dx <= r; ++dx) {
+                const int x = sx + dx, y = sy + dy;
+                if (dx * dx + dy * dy > r * r || x < 0 || y < 0 || x >= w || y >= h)
+                    continue;
+                at(cur, x, y) = at(nxt, x, y) = -at(cur, x, y);  // half a period out of step
+            }
+        }
+        changed[(sy / kBlock) * bw + sx / kBlock] = 1;
+    }
+    dilate_into_active(changed);
+    grow(kDefectPasses, stats.defect_passes);
+
+    // Final unclamped pass: a smooth, nearly sinusoidal profile across each
+    // ridge, so that thresholds can set the ridge width continuously. The
+    // response is divided by its local amplitude (from the mean square over
+    // about one period), which keeps the contrast even where growth fronts
+    // met and left a weaker response around a minutia.
+    std::vector<float> resp(n), energy(n);
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const size_t i = static_cast<size_t>(y) * w + x;
+            resp[i] = Apply(bank[kernel_of[i]], &at(cur, x, y), stride);
+            energy[i] = resp[i] * resp[i];
+        }
+    }
+    GaussianBlur(energy, w, h, 0.5 * m.mean_period);
+    double mean_energy = 0;
+    for (float e : energy)
+        mean_energy += e;
+    mean_energy /= n;
+    const float floor_amp = static_cast<float>(0.3 * std::sqrt(2 * mean_energy)) + 1e-6f;
+    m.ridge.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        const float amp = std::max(floor_amp, std::sqrt(2 * energy[i]));
+        m.ridge[i] = std::clamp(resp[i] / amp, -1.0f, 1.0f);
+    }
+    stats.pixel_updates += static_cast<double>(n);
+
+    // Sweat pores: small shallow dips on ridge crests.
+    Rng pore_rng(HashWords(req.seed, kStreamPores));
+    const int pores = static_cast<int>(n / 450);
+    for (int i = 0; i < pores; ++i) {
+        const int px = 2 + static_cast<int>(pore_rng.Below(static_cast<uint32_t>(w - 4)));
+        const int py = 2 + static_cast<int>(pore_rng.Below(static_cast<uint32_t>(h - 4)));
+        if (m.RidgeAt(px, py) < 0.6f)
+            continue;
+        const float depth = static_cast<float>(pore_rng.Uniform(0.5, 1.1));
+        for (int dy = -2; dy <= 2; ++dy) {
+            for (int dx = -2; dx <= 2; ++dx) {
+                float& v = m.ridge[static_cast<size_t>(py + dy) * w + px + dx];
+                v = std::max(-1.0f, v - depth * std::exp(-(dx * dx + dy * dy) / 1.4f));
+            }
+        }
+    }
+    m.growth = stats;
+    return m;
+}
+
+std::shared_ptr<const MasterPrint> GetMasterPrint(const MasterRequest& req) {
+    struct Entry {
+        MasterRequest req;
+        std::shared_ptr<const MasterPrint> print;
+    };
+    static std::mutex mutex;
+    static std::list<Entry> cache;  // most recently used first
+    constexpr size_t kCapacity = 24;
+    auto same = [&](const MasterRequest& a) {
+        return a.seed == req.seed && a.rolled == req.rolled && a.width == req.width &&
+               a.height == req.height && a.force_class == req.force_class &&
+               (!a.force_class || a.finger_class == req.finger_class);
+    };
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (auto it = cache.begin(); it != cache.end(); ++it) {
+            if (same(it->req)) {
+                cache.splice(cache.begin(), cache, it);
+                return cache.front().print;
+            }
+        }
+    }
+    // Generated outside the lock; two threads asking for the same new print
+    // both build it and one copy wins, which is harmless.
+    auto print = std::make_shared<const MasterPrint>(GenerateMasterPrint(req));
+    std::lock_guard<std::mutex> lock(mutex);
+    for (auto it = cache.begin(); it != cache.end(); ++it) {
+        if (same(it->req))
+            return it->print;
+    }
+    cache.push_front(Entry{req, print});
+    if (cache.size() > kCapacity)
+        cache.pop_back();
+    return print;
+}
+
+}  // namespace kr7sim
