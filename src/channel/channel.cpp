@@ -1,0 +1,402 @@
+// Capture channel: construction, start and stop, reporting and the worker
+// loop. The image pipeline and delivery are in channel_pipeline.cpp.
+#include "channel/channel.h"
+
+#include "detection/image_detection.h"
+
+namespace vc {
+
+std::atomic<ClFramegrabberSDK*> ClFrameGrabberChannel::m_pFramegrabberSDK{nullptr};
+
+namespace {
+
+// A mutex with default attributes; a failure becomes the system exception
+// carrying the error number.
+void InitMutex(pthread_mutex_t& mutex) {
+    pthread_mutexattr_t attributes;
+    int rc = pthread_mutexattr_init(&attributes);
+    if (rc != 0) {
+        throw Nvk::CXSystemException(rc);
+    }
+    rc = pthread_mutex_init(&mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    if (rc != 0) {
+        throw Nvk::CXSystemException(rc);
+    }
+}
+
+// Runs `work` under the device lock. The lock is released on every way
+// out; when `work` throws, before the exception goes on (an UnLock that
+// throws then replaces it).
+template <class Work>
+void UnderDeviceLock(ClFramegrabberSDK& sdk, Work&& work) {
+    sdk.Lock();
+    try {
+        work();
+    } catch (...) {
+        sdk.UnLock();
+        throw;
+    }
+    sdk.UnLock();
+}
+
+}  // namespace
+
+// ---- CXCallbacks ----------------------------------------------------------
+
+ClFrameGrabberChannel::CXCallbacks::CXCallbacks() {
+    InitMutex(m_Mutex);
+}
+
+ClFrameGrabberChannel::CXCallbacks::CXCallbacks(const CXCallbacks& other) {
+    InitMutex(m_Mutex);
+    pthread_mutex_lock(&other.m_Mutex);
+    m_fpStart = other.m_fpStart;
+    m_fpStop = other.m_fpStop;
+    pthread_mutex_unlock(&other.m_Mutex);
+}
+
+ClFrameGrabberChannel::CXCallbacks& ClFrameGrabberChannel::CXCallbacks::operator=(
+    const CXCallbacks& other) {
+    if (this != &other) {
+        pthread_mutex_lock(&other.m_Mutex);
+        FGStartCallback start = other.m_fpStart;
+        FGStopCallback stop = other.m_fpStop;
+        pthread_mutex_unlock(&other.m_Mutex);
+        Set(start, stop);
+    }
+    return *this;
+}
+
+ClFrameGrabberChannel::CXCallbacks::~CXCallbacks() {
+    pthread_mutex_destroy(&m_Mutex);
+}
+
+void ClFrameGrabberChannel::CXCallbacks::Set(FGStartCallback start, FGStopCallback stop) {
+    pthread_mutex_lock(&m_Mutex);
+    m_fpStart = start;
+    m_fpStop = stop;
+    pthread_mutex_unlock(&m_Mutex);
+}
+
+void ClFrameGrabberChannel::CXCallbacks::Call(FGStartCallback CXCallbacks::*which, int captureId,
+                                              unsigned int channelIndex, void* context) {
+    pthread_mutex_lock(&m_Mutex);
+    try {
+        if (this->*which != nullptr) {
+            (this->*which)(captureId, channelIndex, context);
+        }
+    } catch (...) {
+        pthread_mutex_unlock(&m_Mutex);
+        throw;
+    }
+    pthread_mutex_unlock(&m_Mutex);
+}
+
+void ClFrameGrabberChannel::CXCallbacks::OnStart(int captureId, unsigned int channelIndex,
+                                                 void* context) {
+    Call(&CXCallbacks::m_fpStart, captureId, channelIndex, context);
+}
+
+void ClFrameGrabberChannel::CXCallbacks::OnStop(int captureId, unsigned int channelIndex,
+                                                void* context) {
+    Call(&CXCallbacks::m_fpStop, captureId, channelIndex, context);
+}
+
+// ---- construction ---------------------------------------------------------
+
+ClFrameGrabberChannel::ClFrameGrabberChannel() {
+    InitMutex(m_Mutex);
+}
+
+ClFrameGrabberChannel::ClFrameGrabberChannel(const ClFrameGrabberChannel& other)
+    : CWin32Thread(), m_Callbacks(other.m_Callbacks) {
+    InitMutex(m_Mutex);
+    CopySettings(other);
+}
+
+ClFrameGrabberChannel& ClFrameGrabberChannel::operator=(const ClFrameGrabberChannel& other) {
+    if (this != &other) {
+        m_Callbacks = other.m_Callbacks;
+        CopySettings(other);
+    }
+    return *this;
+}
+
+void ClFrameGrabberChannel::CopySettings(const ClFrameGrabberChannel& other) {
+    ClVCCamera camera;
+    ClImageResolution resolution;
+    double x = 1.0;
+    double y = 1.0;
+    {
+        CXSettingsLock lock(other.m_Mutex);
+        camera = other.m_Camera;
+        resolution = other.m_Resolution;
+        x = other.m_dAspectRatioX;
+        y = other.m_dAspectRatioY;
+    }
+    {
+        CXSettingsLock lock(m_Mutex);
+        m_Camera = camera;
+        m_Resolution = resolution;
+        m_dAspectRatioX = x;
+        m_dAspectRatioY = y;
+    }
+    m_nChannelIndex = other.m_nChannelIndex.load();
+    m_bRefreshBackground = other.m_bRefreshBackground.load();
+    m_bPaused = other.m_bPaused.load();
+    m_eColorMode = other.m_eColorMode.load();
+    m_Background = other.m_Background;
+    m_eFilter = other.m_eFilter.load();
+    m_fpDetectionCallback = other.m_fpDetectionCallback.load();
+    m_fpWarningCallback = other.m_fpWarningCallback.load();
+    m_pContext = other.m_pContext.load();
+    m_bProcessingDirty = true;
+}
+
+ClFrameGrabberChannel::~ClFrameGrabberChannel() {
+    pthread_mutex_destroy(&m_Mutex);
+}
+
+// ---- start and stop -------------------------------------------------------
+
+bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FGImageCallback image,
+                                         FGResultCallback detection, FGErrorCallback error,
+                                         FGWarningCallback warning, void* context) {
+    if (IsCurrentThread()) {
+        return true;
+    }
+    SetCurrentThread();
+    StopCapture();
+    SetDetection(mode);
+
+    m_bProcessingDirty = true;
+    m_nCaptureID = captureId;
+    m_fpImageCallback = image;
+    m_fpDetectionCallback = detection;
+    m_fpErrorCallback = error;
+    m_fpWarningCallback = warning;
+    m_pContext = context;
+    m_bRunning = true;
+    if (!Start()) {
+        // No thread to join: the channel must not read as running, or the
+        // next StopCapture would wait for a thread that never existed.
+        m_bRunning = false;
+        m_OwnerThread = pthread_t();
+        return false;
+    }
+    return true;
+}
+
+bool ClFrameGrabberChannel::StopCapture() {
+    if (!m_bRunning.exchange(false)) {
+        return true;
+    }
+    StopMsg();
+    m_nCaptureID = -1;
+    m_fpImageCallback = nullptr;
+    m_fpErrorCallback = nullptr;
+    m_bRefreshBackground = true;
+    Release();
+    m_OwnerThread = pthread_t();
+    return false;
+}
+
+void ClFrameGrabberChannel::SetCallbacks(FGStartCallback start, FGStopCallback stop) {
+    m_Callbacks.Set(start, stop);
+}
+
+// ---- reporting ------------------------------------------------------------
+
+void ClFrameGrabberChannel::SendError(const char* text, long /*code*/) {
+    FGErrorCallback callback = m_fpErrorCallback.load();
+    if (callback != nullptr) {
+        callback(m_nCaptureID.load(), m_nChannelIndex.load(), text ? text : "Framegrabber error",
+                 m_pContext.load());
+    }
+}
+
+void ClFrameGrabberChannel::SendWarning(const char* text, long /*code*/) {
+    FGWarningCallback callback = m_fpWarningCallback.load();
+    if (callback != nullptr) {
+        callback(m_nCaptureID.load(), m_nChannelIndex.load(), text, m_pContext.load());
+    }
+}
+
+void ClFrameGrabberChannel::ReportError(const Nvk::ClNorvakException& error) {
+    const char* text = error.What();
+    SendError(text ? text : "Framegrabber Unknown error", 1);
+}
+
+// ---- small accessors ------------------------------------------------------
+
+void ClFrameGrabberChannel::SetCurrentThread() {
+    m_OwnerThread = pthread_self();
+}
+
+bool ClFrameGrabberChannel::IsCurrentThread() const {
+    return pthread_equal(m_OwnerThread.load(), pthread_self()) != 0;
+}
+
+bool ClFrameGrabberChannel::CheckCameraSet() const {
+    CXSettingsLock lock(m_Mutex);
+    return m_Camera.m_eCameraID != 0 || m_Camera.m_nWidth != 0 || m_Camera.m_nHeight != 0 ||
+           m_Camera.X() != 0 || m_Camera.Y() != 0;
+}
+
+void ClFrameGrabberChannel::SetSDKData(ClFrameGrabberChannelSDKData* data) {
+    if (data == m_pSDKData.get()) {
+        return;
+    }
+    m_pSDKData.reset();
+    m_pSDKData.reset(data);
+}
+
+eCaptureModeIDs ClFrameGrabberChannel::GetCaptureMode() const {
+    return m_pDetection ? m_pDetection->Type() : eCaptureLive;
+}
+
+bool ClFrameGrabberChannel::DoDetect(Nvk::utilities::ClSimpleBitmap& image,
+                                     Nvk::utilities::ClSimpleBitmap& result) {
+    return m_pDetection ? m_pDetection->Detect(image, result) : false;
+}
+
+ClVCCamera ClFrameGrabberChannel::GetCamera() const {
+    CXSettingsLock lock(m_Mutex);
+    return m_Camera;
+}
+
+ClImageResolution ClFrameGrabberChannel::GetResolution() const {
+    CXSettingsLock lock(m_Mutex);
+    return m_Resolution;
+}
+
+void ClFrameGrabberChannel::GetAspectRatio(double& x, double& y) const {
+    CXSettingsLock lock(m_Mutex);
+    x = m_dAspectRatioX;
+    y = m_dAspectRatioY;
+}
+
+bool ClFrameGrabberChannel::DoImageProcessing() const {
+    return true;
+}
+
+bool ClNorvakKR7Channel::DoImageProcessing() const {
+    return false;
+}
+
+// ---- the worker loop ------------------------------------------------------
+
+// Runs one guarded step of the loop and turns what it throws into the
+// host's warning or error callback. Warnings are reported as such only
+// where the loop goes on after them; elsewhere they count as errors.
+template <class Step>
+ClFrameGrabberChannel::eOutcome ClFrameGrabberChannel::Guarded(Step&& step, bool warningsGoOn) {
+    try {
+        step();
+        return eOutcome::Done;
+    } catch (const ClVCWarning& warning) {
+        if (!warningsGoOn) {
+            ReportError(warning);
+            return eOutcome::Failed;
+        }
+        SendWarning(warning.What(), warning.GetErrorNumber());
+        return eOutcome::Warned;
+    } catch (const Nvk::ClNorvakException& error) {
+        ReportError(error);
+        return eOutcome::Failed;
+    } catch (const std::exception& error) {
+        SendError(error.what(), err::kOther);
+        return eOutcome::Failed;
+    }
+}
+
+// One pass over the device under its lock: set the channel up when needed,
+// take a frame the way the capture mode asks for and deliver it.
+void ClFrameGrabberChannel::CapturePass(ClFramegrabberSDK& sdk,
+                                        Nvk::utilities::ClSimpleBitmap& frame) {
+    UnderDeviceLock(sdk, [&] { CaptureFrame(sdk, frame); });
+}
+
+// The body of a pass; the device lock is held.
+void ClFrameGrabberChannel::CaptureFrame(ClFramegrabberSDK& sdk,
+                                         Nvk::utilities::ClSimpleBitmap& frame) {
+    if (sdk.IsDirty(*this) || frame.Empty()) {
+        sdk.SetActiveChannel(*this, frame);
+        sdk.StartLiveCapturing(*this);
+    }
+    const eCaptureModeIDs type = GetCaptureMode();
+    if (type == eCapturePlainFinger && sdk.HasSelfDetection(*this)) {
+        // The device has done the detection; no running check on this path.
+        if (sdk.WaitForPlainFinger(*this, frame)) {
+            SendBitmapToClient(frame, false);
+        }
+    } else if (type == eCapturePreview) {
+        if (m_bTriggerRequested) {
+            sdk.TriggerImage(*this, frame);
+            if (m_bRunning) {
+                SendBitmapToClient(frame, true);
+            }
+            m_bTriggerRequested = false;
+        }
+    } else {
+        sdk.GetLiveBitmap(*this, frame);
+        if (m_bRunning) {
+            SendBitmapToClient(frame, true);
+        }
+    }
+}
+
+void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
+                                         Nvk::utilities::ClSimpleBitmap& frame) {
+    frame.Clear();
+    if (sdk == nullptr) {
+        m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
+        return;
+    }
+    UnderDeviceLock(*sdk, [&] {
+        sdk->StopLiveCapturing(*this);
+        sdk->UninitializeSDK(*this);
+        m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
+    });
+}
+
+unsigned int ClFrameGrabberChannel::Work() {
+    if (!m_bRunning) {
+        return 0;
+    }
+    ClFramegrabberSDK* const sdk = m_pFramegrabberSDK.load();
+    Nvk::utilities::ClSimpleBitmap frame;
+
+    eOutcome started = Guarded(
+        [&] {
+            m_Callbacks.OnStart(m_nCaptureID, m_nChannelIndex, m_pContext);
+            if (sdk != nullptr) {
+                UnderDeviceLock(*sdk, [&] { sdk->InitializeSDK(*this); });
+            }
+        },
+        false);
+    if (started != eOutcome::Failed && sdk == nullptr) {
+        // No device to capture from: reported like a failed start.
+        SendError(nullptr, 1);
+        started = eOutcome::Failed;
+    }
+
+    bool failed = started == eOutcome::Failed;
+    while (!failed && m_bRunning) {
+        if (m_bPaused) {
+            Sleep(100);
+            continue;
+        }
+        const eOutcome pass = Guarded([&] { CapturePass(*sdk, frame); }, true);
+        if (pass == eOutcome::Failed) {
+            failed = true;
+        } else if (pass == eOutcome::Done) {
+            Sleep(0);
+        }
+    }
+    StopSequence(sdk, frame);
+    return 0;
+}
+
+}  // namespace vc

@@ -1,0 +1,235 @@
+// One capture stream: a worker thread that drives the device SDK frame by
+// frame, runs the image pipeline and the finger detector and hands images,
+// results, errors and warnings to the host's callbacks.
+//
+// Threads. The host's thread calls StartCapture, StopCapture and the
+// setters; the worker runs Work() and makes every host callback. What the
+// two share is race-free: flags and scalar settings are atomics, the camera,
+// resolution and aspect ratio (read together when the chain is rebuilt) sit
+// under the channel mutex, and the capture id, callbacks and context are
+// atomics written only while no worker runs (before the thread starts or
+// after it has been joined). The background, the processor chain and the
+// detector belong to the worker while it runs and to the host otherwise.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "channel/framegrabber_sdk.h"
+#include "channel/worker_thread.h"
+#include "framegrabber/capabilities.h"
+#include "framegrabber/errors.h"
+#include "framegrabber/framegrabber.h"
+#include "image/image_processor.h"
+#include "image/simple_bitmap.h"
+
+namespace vc {
+
+class ClImageDetection;
+
+class ClFrameGrabberChannel : public CWin32Thread {
+public:
+    // The host's start and stop callbacks, each called under a mutex of
+    // their own so that Set cannot swap them while one runs.
+    class CXCallbacks {
+    public:
+        CXCallbacks();
+        // A copy holds the same two pointers and a mutex of its own.
+        CXCallbacks(const CXCallbacks& other);
+        CXCallbacks& operator=(const CXCallbacks& other);
+        ~CXCallbacks();
+
+        void Set(FGStartCallback start, FGStopCallback stop);
+        void OnStart(int captureId, unsigned int channelIndex, void* context);
+        void OnStop(int captureId, unsigned int channelIndex, void* context);
+
+    private:
+        void Call(FGStartCallback CXCallbacks::*which, int captureId, unsigned int channelIndex,
+                  void* context);
+
+        FGStartCallback m_fpStart = nullptr;
+        FGStopCallback m_fpStop = nullptr;
+        mutable pthread_mutex_t m_Mutex;
+    };
+
+    ClFrameGrabberChannel();
+    // A copy takes the settings (camera, index, filter, colour mode, aspect
+    // ratio, resolution, background, callbacks, context) of an idle channel.
+    // It starts idle, without a thread, detector, SDK data or chain of its
+    // own; the chain is rebuilt from the settings at its first frame.
+    ClFrameGrabberChannel(const ClFrameGrabberChannel& other);
+    ClFrameGrabberChannel& operator=(const ClFrameGrabberChannel& other);
+    // The owner must have stopped the capture before.
+    ~ClFrameGrabberChannel() override;
+
+    unsigned int Work() override;
+
+    // Starts the worker. `captureId` is passed first to every host callback.
+    // A call from the thread that started the running capture returns true
+    // and changes nothing; otherwise a running capture is stopped first.
+    // Returns whether the thread started; a failing SetDetection throws
+    // before it does.
+    virtual bool StartCapture(int captureId, eCaptureModeIDs mode, FGImageCallback image,
+                              FGResultCallback detection, FGErrorCallback error,
+                              FGWarningCallback warning, void* context);
+    // Ends the worker and waits for it. True when nothing was running,
+    // false when a capture was stopped.
+    virtual bool StopCapture();
+    // Reports to the host's error callback; a null text is sent as
+    // "Framegrabber error". The code stays inside the plug-in.
+    virtual void SendError(const char* text, long code);
+    // Reports to the host's warning callback; the code stays inside.
+    virtual void SendWarning(const char* text, long code);
+    // Adds the flip processor when the camera asks for a flip.
+    virtual void SetImageFlipPrecessing();
+    // Running: the next frame becomes the background. Idle: takes one
+    // unfiltered image through `grabber` as the background.
+    virtual void RefreshBackGround(ClFramegrabber& grabber);
+    // Hook for processors of a derived channel, added last to the chain.
+    virtual void AddSpecificImageProcessing();
+    // Whether frames pass through the processor chain before delivery.
+    virtual bool DoImageProcessing() const;
+
+    // Setters, called on the host's thread (also while the worker runs).
+    void SetFilter(eFilterIDs filter);
+    void SetCamera(eCameraIDs camera, eColorModeIDs mode);
+    void SetAspectRatio(double x, double y);
+    void SetResolution(const ClImageResolution& resolution);
+    void SetDetection(eCaptureModeIDs mode);
+    void SetCallbacks(FGStartCallback start, FGStopCallback stop);
+
+    // Rebuilds the processor chain when a setting changed or when forced.
+    void InitializeImageProcessing(bool force);
+    // Runs the chain (when the channel processes images) and the detector on
+    // `frame` and calls the host's image and detection callbacks. `detect`
+    // is false when the device has already detected the finger itself.
+    void SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& frame, bool detect);
+    bool DoDetect(Nvk::utilities::ClSimpleBitmap& image, Nvk::utilities::ClSimpleBitmap& result);
+
+    void SetCurrentThread();
+    bool IsCurrentThread() const;
+    bool CheckCameraSet() const;
+    // Takes ownership; the previous data is deleted first.
+    void SetSDKData(ClFrameGrabberChannelSDKData* data);
+    ClFrameGrabberChannelSDKData* GetSDKData() const { return m_pSDKData.get(); }
+    // The detector's type; live (0) while the channel has no detector.
+    eCaptureModeIDs GetCaptureMode() const;
+
+    // State the device SDK and the host reach.
+    unsigned int GetChannelIndex() const { return m_nChannelIndex.load(); }
+    void SetChannelIndex(unsigned int index) { m_nChannelIndex.store(index); }
+    bool IsRunning() const { return m_bRunning.load(); }
+    // Paused: the worker idles without touching the device (Freeze).
+    void SetPaused(bool paused) { m_bPaused.store(paused); }
+    bool IsPaused() const { return m_bPaused.load(); }
+    // In preview capture, asks the worker for one triggered image.
+    void RequestTrigger() { m_bTriggerRequested.store(true); }
+    bool IsTriggerRequested() const { return m_bTriggerRequested.load(); }
+    int GetCaptureID() const { return m_nCaptureID.load(); }
+    eFilterIDs GetFilter() const { return m_eFilter.load(); }
+    eColorModeIDs GetColorMode() const { return m_eColorMode.load(); }
+    ClVCCamera GetCamera() const;
+    ClImageResolution GetResolution() const;
+    void GetAspectRatio(double& x, double& y) const;
+
+    // The device SDK shared by all channels; set by the device SDK when it
+    // starts a capture, never owned by a channel.
+    static std::atomic<ClFramegrabberSDK*> m_pFramegrabberSDK;
+
+protected:
+    // Hook called when a capture stops; nothing to release here.
+    void Release() {}
+
+    // Locks the channel mutex for the lifetime of the object.
+    class CXSettingsLock {
+    public:
+        explicit CXSettingsLock(pthread_mutex_t& mutex) : m_rMutex(mutex) {
+            pthread_mutex_lock(&m_rMutex);
+        }
+        ~CXSettingsLock() { pthread_mutex_unlock(&m_rMutex); }
+        CXSettingsLock(const CXSettingsLock&) = delete;
+        CXSettingsLock& operator=(const CXSettingsLock&) = delete;
+
+    private:
+        pthread_mutex_t& m_rMutex;
+    };
+
+    ClVCCamera m_Camera;  // under m_Mutex
+    std::atomic<unsigned int> m_nChannelIndex{1};
+    ClImageMacroProcessor m_Processor;
+    std::unique_ptr<ClImageDetection> m_pDetection;
+    std::atomic<bool> m_bRefreshBackground{true};
+    std::atomic<bool> m_bPaused{false};
+    std::atomic<eColorModeIDs> m_eColorMode{eColorGray8};
+    std::atomic<bool> m_bRunning{false};
+    double m_dAspectRatioX = 1.0;  // under m_Mutex
+    double m_dAspectRatioY = 1.0;  // under m_Mutex
+    Nvk::utilities::ClSimpleBitmap m_Background;
+    std::atomic<bool> m_bProcessingDirty{true};
+    std::atomic<eFilterIDs> m_eFilter{eFilterNone};
+    std::atomic<int> m_nCaptureID{-1};
+    std::atomic<FGImageCallback> m_fpImageCallback{nullptr};
+    std::atomic<FGErrorCallback> m_fpErrorCallback{nullptr};
+    std::atomic<FGResultCallback> m_fpDetectionCallback{nullptr};
+    std::atomic<void*> m_pContext{nullptr};
+    std::unique_ptr<ClFrameGrabberChannelSDKData> m_pSDKData;
+    std::atomic<FGWarningCallback> m_fpWarningCallback{nullptr};
+    std::atomic<pthread_t> m_OwnerThread{0};
+    ClImageResolution m_Resolution;  // under m_Mutex
+    CXCallbacks m_Callbacks;
+    mutable pthread_mutex_t m_Mutex;
+    std::atomic<bool> m_bTriggerRequested{false};
+
+private:
+    enum class eOutcome { Done, Warned, Failed };
+
+    template <class Step>
+    eOutcome Guarded(Step&& step, bool warningsGoOn);
+    void ReportError(const Nvk::ClNorvakException& error);
+    void CapturePass(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
+    void CaptureFrame(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
+    void StopSequence(ClFramegrabberSDK* sdk, Nvk::utilities::ClSimpleBitmap& frame);
+    void Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect, eCaptureModeIDs type);
+    void CopySettings(const ClFrameGrabberChannel& other);
+};
+
+// The channel of the KR7 scanner: the device SDK prepares its frames, so
+// they reach the host as delivered, without the processor chain.
+class ClNorvakKR7Channel : public ClFrameGrabberChannel {
+public:
+    ClNorvakKR7Channel() = default;
+    ClNorvakKR7Channel(const ClNorvakKR7Channel&) = default;
+    ClNorvakKR7Channel& operator=(const ClNorvakKR7Channel&) = default;
+
+    bool DoImageProcessing() const override;
+};
+
+// Whether a detection result may go to the host: at least 101 pixels wide
+// and some non-zero byte in the middle row between columns 50 and
+// width - 51.
+bool DetectionResultVisible(const Nvk::utilities::ClSimpleBitmap& image);
+
+// The channel at `index`; an index outside the vector is the host's error 4.
+template <class Channel>
+Channel& get_item(std::vector<Channel>& channels, std::size_t index) {
+    try {
+        return channels.at(index);
+    } catch (const std::out_of_range&) {
+        throw ClVCException(err::kBadChannelText, err::kBadChannel);
+    }
+}
+
+template <class Channel>
+const Channel& get_item(const std::vector<Channel>& channels, std::size_t index) {
+    try {
+        return channels.at(index);
+    } catch (const std::out_of_range&) {
+        throw ClVCException(err::kBadChannelText, err::kBadChannel);
+    }
+}
+
+}  // namespace vc
