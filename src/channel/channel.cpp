@@ -168,7 +168,14 @@ bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FG
     }
     SetCurrentThread();
     StopCapture();
-    SetDetection(mode);
+    try {
+        SetDetection(mode);
+    } catch (...) {
+        // Nothing was started: forget the owner, or every later start from
+        // this thread would be taken for a capture already running.
+        m_OwnerThread = pthread_t();
+        throw;
+    }
 
     m_bProcessingDirty = true;
     m_nCaptureID = captureId;

@@ -369,6 +369,9 @@ TEST_F(ChannelTest, UnknownCaptureModeFailsBeforeTheThreadStarts) {
     EXPECT_FALSE(channel.IsRunning());
     EXPECT_EQ(channel.GetCaptureMode(), eCaptureLive);  // no detector left
     EXPECT_TRUE(sdk.Calls().empty());
+    // The failed start left no owner behind: the same thread can start again.
+    ASSERT_TRUE(host.Start(channel, eCaptureLive));
+    EXPECT_TRUE(channel.IsRunning());
 }
 
 void ThrowingStart(int, unsigned int, void*) {
