@@ -137,14 +137,14 @@ bool ReadText(const std::string& path, std::string& text, std::string& error) {
     return true;
 }
 
-std::shared_ptr<const Scenario> LoadScenario(const std::string& spec, bool inline_text,
+std::shared_ptr<const Scenario> LoadScenario(const std::string& source, bool inline_text,
                                              uint64_t seed, std::string& error) {
     if (inline_text)
-        return Scenario::Parse(spec, "KR7SIM_SCENARIO", seed, error);
+        return Scenario::Parse(source, "KR7SIM_SCENARIO", seed, error);
     std::string text;
-    if (!ReadText(spec, text, error))
+    if (!ReadText(source, text, error))
         return nullptr;
-    return Scenario::Parse(text, spec, seed, error);
+    return Scenario::Parse(text, source, seed, error);
 }
 
 }  // namespace
@@ -219,11 +219,11 @@ void Configure(Library& library) {
         library.error = error;
         return;
     }
-    const std::string spec = Env("KR7SIM_SCENARIO");
+    const std::string source = Env("KR7SIM_SCENARIO");
     std::shared_ptr<const Scenario> shared =
-        spec.empty()
+        source.empty()
             ? Scenario::Parse(Scenario::DefaultScript(), "default scenario", seed, error)
-            : LoadScenario(spec, spec.find_first_of(";\n") != std::string::npos, seed, error);
+            : LoadScenario(source, source.find_first_of(";\n") != std::string::npos, seed, error);
     if (!shared) {
         library.error = error;
         return;
