@@ -77,29 +77,6 @@ bool ClPlainFingerDetection::Detect(ClSimpleBitmap& input, ClSimpleBitmap& outpu
 // ---------------------------------------------------------------------------
 // Fast plain finger
 
-ClFastPlainFingerDetection::ClFastPlainFingerDetection(const ClFastPlainFingerDetection& other)
-    : ClImageDetection(other),
-      m_nReferenceGraySum(other.m_nReferenceGraySum),
-      m_bFlag(other.m_bFlag),
-      m_bInitialized(other.m_bInitialized),
-      m_nImprovementCount(other.m_nImprovementCount),
-      m_nBestGraySum(other.m_nBestGraySum) {
-    detail::CopyFrame(m_BestImage, other.m_BestImage);
-}
-
-ClFastPlainFingerDetection& ClFastPlainFingerDetection::operator=(
-    const ClFastPlainFingerDetection& other) {
-    if (this != &other) {
-        m_nReferenceGraySum = other.m_nReferenceGraySum;
-        m_bFlag = other.m_bFlag;
-        m_bInitialized = other.m_bInitialized;
-        m_nImprovementCount = other.m_nImprovementCount;
-        m_nBestGraySum = other.m_nBestGraySum;
-        detail::CopyFrame(m_BestImage, other.m_BestImage);
-    }
-    return *this;
-}
-
 void ClFastPlainFingerDetection::InitializeGray(const ClSimpleBitmap& image) {
     if (m_nReferenceGraySum < 1) {
         m_nReferenceGraySum = static_cast<std::int32_t>(ClBitmapUtilities::Gray_Sum(image));

@@ -76,8 +76,8 @@ private:
 class ClFastPlainFingerDetection : public ClImageDetection {
 public:
     ClFastPlainFingerDetection() = default;
-    ClFastPlainFingerDetection(const ClFastPlainFingerDetection& other);
-    ClFastPlainFingerDetection& operator=(const ClFastPlainFingerDetection& other);
+    ClFastPlainFingerDetection(const ClFastPlainFingerDetection&) = default;
+    ClFastPlainFingerDetection& operator=(const ClFastPlainFingerDetection&) = default;
 
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
                 Nvk::utilities::ClSimpleBitmap& output) override;

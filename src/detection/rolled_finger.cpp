@@ -14,32 +14,6 @@ using Nvk::utilities::ClSimpleBitmap;
 // ---------------------------------------------------------------------------
 // ClRolledFingerVC1
 
-ClRolledFingerVC1::ClRolledFingerVC1(const ClRolledFingerVC1& other)
-    : ClImageDetection(other),
-      m_nResetThreshold(other.m_nResetThreshold),
-      m_nConstant(other.m_nConstant),
-      m_bInitialized(other.m_bInitialized),
-      m_bRolling(other.m_bRolling),
-      m_nThreshold(other.m_nThreshold),
-      m_nReferenceGray(other.m_nReferenceGray),
-      m_vColumnSums(other.m_vColumnSums) {
-    detail::CopyFrame(m_Composed, other.m_Composed);
-}
-
-ClRolledFingerVC1& ClRolledFingerVC1::operator=(const ClRolledFingerVC1& other) {
-    if (this != &other) {
-        m_nResetThreshold = other.m_nResetThreshold;
-        m_nConstant = other.m_nConstant;
-        m_bInitialized = other.m_bInitialized;
-        m_bRolling = other.m_bRolling;
-        m_nThreshold = other.m_nThreshold;
-        m_nReferenceGray = other.m_nReferenceGray;
-        m_vColumnSums = other.m_vColumnSums;
-        detail::CopyFrame(m_Composed, other.m_Composed);
-    }
-    return *this;
-}
-
 ClRolledFingerVC1* ClRolledFingerVC1::clone() const {
     return new ClRolledFingerVC1(*this);
 }
@@ -171,30 +145,6 @@ bool ClRolledFingerVC1::Detect(ClSimpleBitmap& input, ClSimpleBitmap& output) {
 
 // ---------------------------------------------------------------------------
 // ClRolledFinger
-
-ClRolledFinger::ClRolledFinger(const ClRolledFinger& other)
-    : ClImageDetection(other),
-      m_bReserved(other.m_bReserved),
-      m_bInitialized(other.m_bInitialized),
-      m_bRolling(other.m_bRolling),
-      m_nLeftReference(other.m_nLeftReference),
-      m_nWholeReference(other.m_nWholeReference),
-      m_vBorders(other.m_vBorders) {
-    detail::CopyFrame(m_Composed, other.m_Composed);
-}
-
-ClRolledFinger& ClRolledFinger::operator=(const ClRolledFinger& other) {
-    if (this != &other) {
-        m_bReserved = other.m_bReserved;
-        m_bInitialized = other.m_bInitialized;
-        m_bRolling = other.m_bRolling;
-        m_nLeftReference = other.m_nLeftReference;
-        m_nWholeReference = other.m_nWholeReference;
-        m_vBorders = other.m_vBorders;
-        detail::CopyFrame(m_Composed, other.m_Composed);
-    }
-    return *this;
-}
 
 long ClRolledFinger::Gray_Avarage(const ClSimpleBitmap& image, eDetectArea area) {
     const detail::FrameView view = detail::View(image);

@@ -15,8 +15,8 @@ namespace vc {
 class ClRolledFingerVC1 : public ClImageDetection {
 public:
     ClRolledFingerVC1() = default;
-    ClRolledFingerVC1(const ClRolledFingerVC1& other);
-    ClRolledFingerVC1& operator=(const ClRolledFingerVC1& other);
+    ClRolledFingerVC1(const ClRolledFingerVC1&) = default;
+    ClRolledFingerVC1& operator=(const ClRolledFingerVC1&) = default;
     ~ClRolledFingerVC1() override = default;
 
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
@@ -80,8 +80,8 @@ public:
     static constexpr long m_cnDetectRowCount = 50;  // strip width and divisor factor
 
     ClRolledFinger() = default;
-    ClRolledFinger(const ClRolledFinger& other);
-    ClRolledFinger& operator=(const ClRolledFinger& other);
+    ClRolledFinger(const ClRolledFinger&) = default;
+    ClRolledFinger& operator=(const ClRolledFinger&) = default;
     ~ClRolledFinger() override = default;
 
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
