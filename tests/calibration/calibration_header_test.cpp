@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <numeric>
+#include <string>
 
 #include "calibration/read_binary.h"
 #include "framegrabber/errors.h"
@@ -15,21 +18,18 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// Serves a byte image; a failing stream writes nothing.
+// Serves a byte image.
 class MemoryStream : public Nvk::CXStream {
 public:
-    MemoryStream(Bytes bytes, bool fails = false) : m_bytes(std::move(bytes)), m_fails(fails) {}
+    explicit MemoryStream(Bytes bytes) : m_bytes(std::move(bytes)) {}
     bool WriteRaw(const void*, unsigned int) override { return false; }
     bool ReadRaw(void* data, unsigned int size) override {
-        if (!m_fails) {
-            std::memcpy(data, m_bytes.data(), std::min<std::size_t>(size, m_bytes.size()));
-        }
-        return !m_fails;
+        std::memcpy(data, m_bytes.data(), std::min<std::size_t>(size, m_bytes.size()));
+        return true;
     }
 
 private:
     Bytes m_bytes;
-    bool m_fails;
 };
 
 unsigned char kRevision[16] = {'A', 'B'};
@@ -44,6 +44,17 @@ Read ReadBack(Nvk::ClQV2CalibrationHeader& header, const Bytes& block, unsigned 
     Read r;
     header.ReadFromStream(&stream, blockSize, &r.data, r.size);
     return r;
+}
+
+// "number: text" of the exception E that `call` throws.
+template <class E, class Call>
+std::string Thrown(Call call) {
+    try {
+        call();
+    } catch (const E& e) {
+        return std::to_string(e.GetErrorNumber()) + ": " + e.what();
+    }
+    return "nothing thrown";
 }
 
 TEST(CalibrationHeader, WrittenBlockReadsBackWithAllFields) {
@@ -68,7 +79,7 @@ TEST(CalibrationHeader, WrittenBlockReadsBackWithAllFields) {
     EXPECT_EQ(reader.RevisionString(), std::string("AB") + std::string(14, '\0'));
     const std::time_t now = std::time(nullptr);
     std::tm t{};
-    localtime_r(&now, &t);
+    localtime_r(&now, &t);  // written today
     EXPECT_EQ(reader.Date(), std::to_string(t.tm_mday) + "/" + std::to_string(t.tm_mon + 1) + "/" +
                                  std::to_string(t.tm_year + 1900));
 
@@ -85,8 +96,6 @@ TEST(CalibrationHeader, NullDescriptionShiftsThePayloadSize) {
     null.PutCalibrationData(payload, 2, kRevision, nullptr);
     const Bytes& e = empty.Buffer();
     const Bytes& n = null.Buffer();
-    ASSERT_EQ(e.size(), 27u);
-    ASSERT_EQ(n.size(), 27u);
     EXPECT_EQ(Bytes(e.begin() + 20, e.end()), (Bytes{0, 2, 0, 0, 0, 0xAA, 0xBB}));
     EXPECT_EQ(Bytes(n.begin() + 20, n.end()), (Bytes{2, 0, 0, 0, 0xAA, 0xBB, 0}));
 }
@@ -99,33 +108,21 @@ TEST(CalibrationHeader, DescriptionLimitIs255) {
     EXPECT_EQ(header.Description(), longest);
     EXPECT_EQ(r.data, nullptr);  // payload size 0
     EXPECT_EQ(r.size, 0u);
-    try {
-        header.PutCalibrationData(nullptr, 0, kRevision, std::string(256, 'x').c_str());
-        FAIL();
-    } catch (const Nvk::ClCHeaderDesrcTooLongException& e) {
-        EXPECT_STREQ(e.what(), "The description is too long.");
-        EXPECT_EQ(e.GetErrorNumber(), -1);
-    }
+    EXPECT_EQ("-1: The description is too long.", Thrown<Nvk::ClCHeaderDesrcTooLongException>([&] {
+                  header.PutCalibrationData(nullptr, 0, kRevision, std::string(256, 'x').c_str());
+              }));
 }
 
 TEST(CalibrationHeader, WrongVersionOrNothingReadIsRejected) {
-    Nvk::ClQV2CalibrationHeader header;
+    Nvk::ClQV2CalibrationHeader header, fresh;
     Bytes block(40, 0);
     block[0] = 2;
-    unsigned char* data = nullptr;
-    unsigned int size = 0;
-    MemoryStream wrong(block), failing(Bytes(40, 1), true);
-    try {
-        header.ReadFromStream(&wrong, 40, &data, size);
-        FAIL();
-    } catch (const Nvk::ClHeaderFormatException& e) {
-        EXPECT_STREQ(e.what(), "The header version is wrong.");
-    }
+    EXPECT_EQ("-1: The header version is wrong.",
+              Thrown<Nvk::ClHeaderFormatException>([&] { ReadBack(header, block, 40); }));
     EXPECT_EQ(header.Buffer(), block);  // the bytes read stay
-    Nvk::ClQV2CalibrationHeader fresh;
-    EXPECT_THROW(fresh.ReadFromStream(&failing, 40, &data, size), Nvk::ClHeaderFormatException);
-    EXPECT_THROW(fresh.ReadFromStream(&wrong, 0, &data, size), Nvk::ClHeaderFormatException);
-    EXPECT_THROW(fresh.ReadFromStream(nullptr, 40, &data, size), Nvk::ClHeaderFormatException);
+    EXPECT_THROW(ReadBack(fresh, block, 0), Nvk::ClHeaderFormatException);
+    unsigned int size = 0;
+    EXPECT_THROW(fresh.ReadFromStream(nullptr, 40, nullptr, size), Nvk::ClHeaderFormatException);
 }
 
 TEST(CalibrationHeader, SizesThatOverrunTheBlockGiveNoPayload) {
@@ -159,25 +156,15 @@ TEST(CalibrationHeader, SizesThatOverrunTheBlockGiveNoPayload) {
 
 TEST(ReadBinary, ReadsWholeFileOrThrowsWithErrno) {
     const std::string path = ::testing::TempDir() + "kr7_read_binary.bin";
-    Bytes bytes(2500);
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        bytes[i] = static_cast<unsigned char>(i * 7 + 3);
-    }
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
+    Bytes bytes(2500);  // more than one read chunk
+    std::iota(bytes.begin(), bytes.end(), static_cast<unsigned char>(3));
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), 2500);
     Bytes out = {1, 2, 3};
     Nvk::file::ReadBinary(path.c_str(), out);
     EXPECT_EQ(out, bytes);
     std::remove(path.c_str());
-
-    try {
-        Nvk::file::ReadBinary(path.c_str(), out);
-        FAIL();
-    } catch (const Nvk::CXSystemException& e) {
-        EXPECT_EQ(e.GetErrorNumber(), ENOENT);
-    }
+    EXPECT_EQ(std::to_string(ENOENT) + ": " + std::strerror(ENOENT),
+              Thrown<Nvk::CXSystemException>([&] { Nvk::file::ReadBinary(path.c_str(), out); }));
     EXPECT_THROW(Nvk::file::ReadBinary(nullptr, out), Nvk::CXSystemException);
 }
 

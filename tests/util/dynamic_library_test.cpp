@@ -54,11 +54,8 @@ TEST(DynamicLibrary, ResolvesSymbolsIncludingANullOne) {
     dlopen(kMissing, RTLD_NOW);
     EXPECT_EQ(nullptr, lib.GetSymbol("kr7_null_symbol"));
     EXPECT_EQ("-202: no symbol name given", Failure([&] { lib.GetSymbol(nullptr); }));
-}
-
-TEST(DynamicLibrary, WithoutALibraryTheGlobalScopeIsNotSearched) {
-    TestLibrary lib;
-    EXPECT_EQ("-202: no library is loaded", Failure([&] { lib.GetSymbol("dlsym"); }));
+    // Without a library the global scope is not searched.
+    EXPECT_EQ("-202: no library is loaded", Failure([&] { TestLibrary().GetSymbol("dlsym"); }));
 }
 
 TEST(DynamicLibrary, OpenCloseAndFailures) {

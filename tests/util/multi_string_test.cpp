@@ -22,30 +22,22 @@ Strings All(ClMultiString& list) {
 
 TEST(MultiString, PackedLayoutLengthAndIteration) {
     ClMultiString list;
-    EXPECT_TRUE(list.IsEmpty());
     EXPECT_EQ(0ul, list.Length());
     EXPECT_EQ(nullptr, list.Next());
-
     list.Add("ab");
     list.Add("c");
-    EXPECT_EQ(5ul, list.Length());
     EXPECT_STREQ("ab", list.Next());
     EXPECT_STREQ("c", list.Next());
     EXPECT_EQ(nullptr, list.Next());
-    list.ResetNext();
-    EXPECT_STREQ("ab", list.Next());
     list.Add("def");  // Add restarts the iteration
     EXPECT_STREQ("ab", list.Next());
+    EXPECT_EQ(9ul, list.Length());
 
     char* buffer = list.Detach();
     EXPECT_TRUE(list.IsEmpty());
-    EXPECT_EQ(nullptr, list.Next());
-    const char expected[] = {'a', 'b', 0, 'c', 0, 'd', 'e', 'f', 0, 0};
-    EXPECT_EQ(0, std::memcmp(expected, buffer, sizeof expected));
-
+    EXPECT_EQ(0, std::memcmp("ab\0c\0def\0", buffer, 10));  // and the final zero byte
     list.Attach(buffer);
     list.Attach(buffer);  // its own buffer again: kept, not freed
-    EXPECT_EQ(9ul, list.Length());
     EXPECT_EQ((Strings{"ab", "c", "def"}), All(list));
     list.Attach(nullptr);
     EXPECT_TRUE(list.IsEmpty());
@@ -68,20 +60,16 @@ TEST(MultiString, EmptyStringsAndNullText) {
 TEST(MultiString, CopiesAreIndependent) {
     ClMultiString source;
     source.Add("one");
-    source.Add("two");
-    ClMultiString copy(source);
+    ClMultiString empty;
     ClMultiString assigned;
     assigned.Add("old");
     assigned = source;
-    source.Add("three");
-    copy.Empty();
-
-    EXPECT_EQ((Strings{"one", "two", "three"}), All(source));
-    EXPECT_EQ((Strings{"one", "two"}), All(assigned));
+    source.Add("two");
+    EXPECT_EQ((Strings{"one"}), All(assigned));
     auto& alias = assigned;
     assigned = alias;
-    EXPECT_EQ(8ul, assigned.Length());
-    assigned = copy;  // an empty source empties the target
+    EXPECT_EQ(4ul, assigned.Length());
+    assigned = empty;  // an empty source empties the target
     EXPECT_TRUE(assigned.IsEmpty());
 }
 
