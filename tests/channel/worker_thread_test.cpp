@@ -2,16 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 
 namespace {
 
-// Records the stack size and priority the thread runs with.
+// Records the stack size the thread runs with.
 class DefaultThread : public vc::CWin32Thread {
 public:
     unsigned int Work() override {
@@ -20,14 +18,9 @@ public:
             pthread_attr_getstacksize(&attr, &stackSize);
             pthread_attr_destroy(&attr);
         }
-        int policy = 0;
-        sched_param param{};
-        pthread_getschedparam(pthread_self(), &policy, &param);
-        priority = param.sched_priority;
         return 0xBEEFu;
     }
     std::size_t stackSize = 0;
-    int priority = -1;
 };
 
 class TunedThread : public DefaultThread {
@@ -42,34 +35,40 @@ std::uintptr_t ExitValue(void* value) {
     return reinterpret_cast<std::uintptr_t>(value);
 }
 
-// The stack holds the requested size (the library may add a guard page).
+// The stack holds at least the requested size. glibc may hand a new thread
+// the cached stack of an ended one, up to four times the size asked for
+// (pthread_getattr_np then reports the cached size), so the bound above is
+// that and not the request itself: any other thread of the process may have
+// left such a stack behind.
 void ExpectStack(std::size_t requested, std::size_t seen) {
     EXPECT_GE(seen, requested);
-    EXPECT_LT(seen, requested + 0x10000);
+    EXPECT_LE(seen, 4 * requested + 0x10000);
 }
 
 TEST(WorkerThread, AttributesAndExitValue) {
-    DefaultThread plain;
-    ASSERT_TRUE(plain.Start());
-    EXPECT_EQ(0xBEEFu, ExitValue(plain.StopMsg()));
-    ExpectStack(0x100000, plain.stackSize);
-    EXPECT_EQ(0, plain.priority);
-
-    // Process scope is refused by Linux and the priority is not inherited:
-    // neither stops the thread.
-    TunedThread tuned;
-    tuned.requested = 0x300000;
-    ASSERT_TRUE(tuned.Start());
-    EXPECT_EQ(0xBEEFu, ExitValue(tuned.Stop()));
-    ExpectStack(0x300000, tuned.stackSize);
-    EXPECT_EQ(0, tuned.priority);
-
-    // A stack size of 0 leaves the library's default.
     pthread_attr_t defaults;
     std::size_t defaultSize = 0;
     ASSERT_EQ(0, pthread_getattr_default_np(&defaults));
     pthread_attr_getstacksize(&defaults, &defaultSize);
     pthread_attr_destroy(&defaults);
+
+    DefaultThread plain;
+    ASSERT_TRUE(plain.Start());
+    EXPECT_EQ(0xBEEFu, ExitValue(plain.StopMsg()));
+    ExpectStack(0x100000, plain.stackSize);
+    // Once joined, the thread is gone: a second Stop or a Kill touches nothing.
+    EXPECT_EQ(nullptr, plain.Stop());
+    EXPECT_TRUE(plain.Kill());
+
+    // Linux refuses process scope, and priority 5 for the default policy:
+    // neither stops the thread. The size asked for is above the default.
+    TunedThread tuned;
+    tuned.requested = 2 * defaultSize;
+    ASSERT_TRUE(tuned.Start());
+    EXPECT_EQ(0xBEEFu, ExitValue(tuned.Stop()));
+    ExpectStack(2 * defaultSize, tuned.stackSize);
+
+    // A stack size of 0 leaves the library's default.
     tuned.requested = 0;
     ASSERT_TRUE(tuned.Start());
     tuned.Stop();
@@ -87,12 +86,6 @@ TEST(WorkerThread, NoThreadMeansNothingToJoinOrSignal) {
     EXPECT_FALSE(huge.Start());
     EXPECT_EQ(nullptr, huge.StopMsg());
     EXPECT_TRUE(huge.Kill());
-
-    // Once joined, the thread is gone: a second Stop or a Kill touches nothing.
-    ASSERT_TRUE(idle.Start());
-    EXPECT_EQ(0xBEEFu, ExitValue(idle.Stop()));
-    EXPECT_EQ(nullptr, idle.Stop());
-    EXPECT_TRUE(idle.Kill());
 }
 
 // Blocks SIGTERM and waits for it, so the signal is taken synchronously (no
@@ -120,15 +113,6 @@ TEST(WorkerThread, KillSendsSigtermToTheThread) {
     }
     EXPECT_TRUE(thread.Kill());
     EXPECT_EQ(static_cast<std::uintptr_t>(SIGTERM), ExitValue(thread.StopMsg()));
-}
-
-TEST(WorkerThread, Sleep) {
-    EXPECT_EQ(0, Nvk::CXWorkerThread::Sleep(0));
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, Nvk::CXWorkerThread::Sleep(15));
-    // An uninterrupted nanosleep never returns early; no upper bound.
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(15));
-    EXPECT_EQ(-1, Nvk::CXWorkerThread::Sleep(-1));  // rejected, not a long sleep
 }
 
 }  // namespace
