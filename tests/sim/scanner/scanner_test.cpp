@@ -275,8 +275,8 @@ TEST(ScannerUnit, InterfacesSelectUnitsAndTheMemoryHoldsTheirCalibration) {
     EXPECT_EQ(std::string(serial, 8), "QWERTYUI");
 }
 
-TEST(ScannerErrors, LastErrorIsPerThread) {
-    Scanner s(kQuiet);
+TEST(ScannerErrors, LastErrorIsPerThreadAndCapturesKeepTheFramePeriod) {
+    Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"}, {"KR7SIM_REALTIME", "1"}});
     s.ftrScanSetLastError(1460);
     uint32_t other = 1;
     std::thread([&] { other = s.ftrScanGetLastError(); }).join();
@@ -285,7 +285,8 @@ TEST(ScannerErrors, LastErrorIsPerThread) {
     FTRHANDLE h = s.Open();
     EXPECT_EQ(s.ftrScanGetLastError(), 0u);  // success clears it
 
-    // Capture thread and host thread at once on one handle.
+    // A capture thread in real time and the host thread at once on one handle.
+    const auto start = std::chrono::steady_clock::now();
     std::thread capture([&] {
         Frame frame;
         for (int i = 0; i < 6; ++i)
@@ -294,6 +295,7 @@ TEST(ScannerErrors, LastErrorIsPerThread) {
     for (int i = 0; i < 20; ++i)
         EXPECT_TRUE(s.ftrScanSetDiodesStatus(h, uint8_t(i % 2 ? 255 : 0), 0));
     capture.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
 }
 
 // One rule per kind of injection, each on its own entry point; every row
@@ -410,8 +412,7 @@ TEST(ScannerPhotometry, EmptyPlatenCalibratesFlatAndBright) {
     FTRHANDLE h = s.Open();
     Frame raw(kW * kH), half(kW * kH), dark(kW * kH), backlight(kW * kH);
     ASSERT_EQ(s.Code(s.ftrScanGetImageByVariableDose(h, 60, raw.data())), 0u);
-    EXPECT_LT(Mean(raw), 60.0);  // API polarity: the empty platen is dark
-    EXPECT_GT(Mean(FlipInvert(raw)), 200.0);
+    EXPECT_LT(Mean(raw), 55.0);  // API polarity: the empty platen is dark
     int w = 0;
     const Frame corrected = Calibrate(CalibrationPayload(s.ExtMemory(h)), raw, w);
     ASSERT_GT(w, 0);
@@ -598,16 +599,6 @@ TEST(ScannerDeterminism, SameSeedSameBytesAcrossLoads) {
     EXPECT_TRUE(take("3") == first);
     EXPECT_FALSE(take("4") == first);
     EXPECT_FALSE(first[0] == first[1]);  // fresh noise in every frame
-}
-
-TEST(ScannerScenario, RealTimePacingHoldsTheFramePeriod) {
-    Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"}, {"KR7SIM_REALTIME", "1"}});
-    FTRHANDLE h = s.Open();
-    Frame f;
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 4; ++i)
-        ASSERT_EQ(s.Grab(h, f), 0u);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(120));
 }
 
 }  // namespace
