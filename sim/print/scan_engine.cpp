@@ -270,7 +270,13 @@ std::shared_ptr<const Impression> ScanEngine::CreateImpression(
         const double finger_radius = jitter(160, 200, 180);
         const double travel =
             std::max(0.0, std::min(kPi * finger_radius, w - 2 * imp->strip_half_width_ - 10));
-        const double dir = random && rng.Chance(0.5) ? -1.0 : 1.0;
+        // The draw is taken whenever the pose is random, so that a fixed
+        // direction leaves every other draw of the placement as it was.
+        const bool drawn_right = random && rng.Chance(0.5);
+        const bool from_right = params.roll_from == RollDirection::Random
+                                    ? drawn_right
+                                    : params.roll_from == RollDirection::FromRight;
+        const double dir = from_right ? -1.0 : 1.0;
         imp->strip_start_ = 0.5 * w - dir * 0.5 * travel;
         imp->strip_end_ = 0.5 * w + dir * 0.5 * travel;
         imp->centre_ = {static_cast<float>(0.5 * w), static_cast<float>(imp->strip_centre_y_)};

@@ -43,6 +43,10 @@ constexpr int kRolledFrameWidth = 640;
 
 enum class Skin : uint8_t { Dry, Normal, Wet };
 enum class ImpressionKind : uint8_t { Plain, Rolled };
+// Side of the platen (platen coordinates, x to the right) where a rolled
+// print starts. Random draws it from the placement, as it always did, so
+// existing seeds keep their frames.
+enum class RollDirection : uint8_t { Random, FromLeft, FromRight };
 
 // One scanner unit: frame size and sensor imperfections.
 struct SensorConfig {
@@ -99,6 +103,8 @@ struct ImpressionParams {
     uint32_t press_frames = 8;                                   // first touch to full pressure
     uint32_t lift_frame = std::numeric_limits<uint32_t>::max();  // first frame free again
     uint32_t roll_frames = 36;  // rolled: one side to the other (1.44 s)
+    // Rolled: the side the roll starts from; a fixed side holds for a centred pose too.
+    RollDirection roll_from = RollDirection::Random;
 };
 
 struct FrameRequest {

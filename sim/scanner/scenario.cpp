@@ -314,7 +314,7 @@ bool Compiler::FingerOptions(const Step& step, FingerSpec& finger, std::string& 
         } else if (key == "from") {
             const std::string v = Lower(value);
             ok = v == "left" || v == "right";
-            finger.from_right = v == "right";
+            p.roll_from = v == "right" ? RollDirection::FromRight : RollDirection::FromLeft;
         }
         if (!ok) {
             error = "bad value '" + value + "' for option '" + key + "'";
@@ -373,8 +373,10 @@ bool Compiler::Compile(const Step& step, std::string& error) {
             return false;
         FingerSpec finger;
         finger.fake = k == "fake";
-        if (roll)
+        if (roll) {
             finger.params.kind = ImpressionKind::Rolled;
+            finger.params.roll_from = RollDirection::FromLeft;  // unless `from` says otherwise
+        }
         if (!FingerOptions(step, finger, error))
             return false;
         const uint32_t fallback = roll ? finger.params.press_frames + finger.params.roll_frames + 1

@@ -28,8 +28,7 @@ struct GreyImage {
 // lift) count from the start of the script's cycle.
 struct FingerSpec {
     ImpressionParams params;
-    bool fake = false;        // a replica: rejected when fake checking is on
-    bool from_right = false;  // rolled: the side the roll starts from
+    bool fake = false;  // a replica: rejected when fake checking is on
 };
 
 // A folder of recorded frames played back one per frame period.

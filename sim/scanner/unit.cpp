@@ -19,7 +19,6 @@ constexpr uint64_t kStreamSerial = 0x53455249ull;
 // below this, so that noise does not clip the flat field.
 constexpr double kBrightestEmpty = 244.0;
 constexpr size_t kImpressionCache = 4;
-constexpr int kRollTries = 16;
 
 // Turns a frame in platen orientation upside down and, unless the host asked
 // for the inverted polarity, inverts it: the polarity the API delivers.
@@ -168,29 +167,12 @@ std::shared_ptr<const Impression> Unit::ImpressionFor(const ScanEngine& engine,
             c.finger == finger)
             return c.impression;
     }
-    const FingerSpec& spec = scenario_->fingers()[size_t(finger)];
-    ImpressionParams params = spec.params;
+    ImpressionParams params = scenario_->fingers()[size_t(finger)].params;
     // A fresh placement each time the script comes round again.
     const uint64_t placement =
         state.cycle * scenario_->fingers().size() + static_cast<uint64_t>(finger);
     params.impression = static_cast<uint32_t>(HashWords(config_.seed, placement) & 0x0FFFFFFF);
-    std::shared_ptr<const Impression> impression;
-    if (params.kind == ImpressionKind::Rolled && params.random_pose) {
-        // The engine picks the rolling direction per placement; take the
-        // first placement that starts on the requested side.
-        const uint32_t base = params.impression;
-        const uint32_t end = params.touch_frame + params.press_frames + params.roll_frames;
-        for (int k = 0; k < kRollTries; ++k) {
-            params.impression = base * kRollTries + uint32_t(k);
-            impression = engine.CreateImpression(params);
-            const bool from_right =
-                impression->StripCentreAt(end) < impression->StripCentreAt(params.touch_frame);
-            if (from_right == spec.from_right)
-                break;
-        }
-    } else {
-        impression = engine.CreateImpression(params);
-    }
+    std::shared_ptr<const Impression> impression = engine.CreateImpression(params);
     if (impressions_.size() >= kImpressionCache)
         impressions_.erase(impressions_.begin());
     impressions_.push_back({engine.width(), engine.height(), state.cycle, finger, impression});

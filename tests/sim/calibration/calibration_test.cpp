@@ -1,3 +1,6 @@
+// The optics record shared by the scanner and calibration stand-ins, and the
+// calibration library stand-in, opened through dlopen the way the plug-in
+// opens it.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -5,41 +8,80 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <numeric>
 
 #include "calibration/norvakcalibratesdk.h"
 #include "common/optics.h"
+#include "print/rng.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-using Image = std::vector<std::uint8_t>;  // width * height, unpadded
+using Bytes = std::vector<std::uint8_t>;  // DIBs, records, and images (width * height, unpadded)
 
-#define KR7_RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(dlsym(lib, #name))
+// Parses from a heap copy of exactly `size` bytes, so that an overread shows
+// under AddressSanitizer.
+bool ParseExact(const Bytes& bytes, std::size_t size, kr7sim::Optics& out) {
+    std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[size + 1]);
+    std::memcpy(copy.get(), bytes.data(), std::min(size, bytes.size()));
+    return kr7sim::Parse(copy.get(), size, out);
+}
+
+TEST(Optics, RecordRoundTripsAndRejectsAnyDamage) {
+    kr7sim::Optics unit = kr7sim::MakeUnitOptics(640, 480, 7), parsed;
+    unit.seed = 0x0123456789ABCDEFull;
+    const Bytes good = kr7sim::Serialize(unit);
+    ASSERT_EQ(good.size(), 56u);
+    EXPECT_EQ(std::memcmp(good.data(), "KR7O\x01\x00\x38\x00\x80\x02", 10), 0);
+    EXPECT_EQ(good[44], 0xEF);                  // seed, little-endian
+    ASSERT_TRUE(ParseExact(good, 60, parsed));  // trailing bytes ignored
+    EXPECT_EQ(kr7sim::Serialize(parsed), good);
+    parsed.width = 1;
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        Bytes bad = good;
+        bad[i] ^= 0x10;  // magic, version, size or CRC
+        EXPECT_FALSE(ParseExact(bad, bad.size(), parsed) || ParseExact(good, i, parsed)) << i;
+    }
+    EXPECT_EQ(parsed.width, 1);  // untouched on failure
+    unit.marginX = 0;            // sealed correctly, but samples outside the frame
+    EXPECT_FALSE(ParseExact(kr7sim::Serialize(unit), 56, parsed));
+
+    for (int seed = 0; seed < 30; ++seed) {
+        for (auto [w, h] : {std::pair{320, 480}, std::pair{640, 480}, std::pair{64, 64}}) {
+            const kr7sim::Optics o = kr7sim::MakeUnitOptics(w, h, seed);
+            ASSERT_TRUE(kr7sim::IsValid(o)) << seed << " " << w;
+            EXPECT_EQ(kr7sim::Serialize(o), kr7sim::Serialize(kr7sim::MakeUnitOptics(w, h, seed)));
+            for (double py : {-20.0, 0.0, 123.4, h + 20.0}) {  // the maps invert each other
+                double x = 0, y = 0, px = 0, back = 0;
+                kr7sim::PlatenToUncorrected(o, 17.5, py, x, y);
+                kr7sim::UncorrectedToPlaten(o, x, y, px, back);
+                EXPECT_NEAR(px, 17.5, 1e-9);
+                EXPECT_NEAR(back, py, 1e-9);
+            }
+        }
+    }
+}
+
+// clang-format off
+#define KR7_CAL_ENTRIES(X) X(CalibrateCreate) X(Calibrate) X(CalibrateDelete) X(CalibrateSetData) \
+    X(ContaminationDetection) X(CalibrateGetErrorDescription)
+// clang-format on
 
 // The library's entry points, resolved the way the plug-in does.
 struct Sdk {
     explicit Sdk(const char* path) : lib(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-        if (lib != nullptr) {
-            KR7_RESOLVE(CalibrateCreate);
-            KR7_RESOLVE(Calibrate);
-            KR7_RESOLVE(CalibrateDelete);
-            KR7_RESOLVE(CalibrateSetData);
-            KR7_RESOLVE(CalibrateGetErrorDescription);
-            KR7_RESOLVE(ContaminationDetection);
-        }
+#define KR7_RESOLVE(name) \
+    name = lib ? reinterpret_cast<decltype(&::name)>(dlsym(lib, #name)) : nullptr;
+        KR7_CAL_ENTRIES(KR7_RESOLVE)
+#undef KR7_RESOLVE
     }
     ~Sdk() {
-        if (lib != nullptr) {
+        if (lib != nullptr)
             dlclose(lib);
-        }
     }
     void* lib;
-    decltype(&::CalibrateCreate) CalibrateCreate = nullptr;
-    decltype(&::Calibrate) Calibrate = nullptr;
-    decltype(&::CalibrateDelete) CalibrateDelete = nullptr;
-    decltype(&::CalibrateSetData) CalibrateSetData = nullptr;
-    decltype(&::CalibrateGetErrorDescription) CalibrateGetErrorDescription = nullptr;
-    decltype(&::ContaminationDetection) ContaminationDetection = nullptr;
+#define KR7_DECLARE(name) decltype(&::name) name;
+    KR7_CAL_ENTRIES(KR7_DECLARE)
+#undef KR7_DECLARE
 };
 
 Sdk& Lib() {
@@ -55,49 +97,40 @@ tagBITMAPINFOHEADER* Dib(Bytes& b) {
 }
 
 // Packs an image as an 8-bit DIB with a grey palette, as the plug-in does.
-Bytes ToDib(const Image& pixels, int width, int height) {
-    const unsigned stride = Stride(width);
-    Bytes block(1064 + stride * height, 0);
+Bytes ToDib(const Bytes& pixels, int width, int height) {
+    Bytes block(1064 + Stride(width) * height, 0);
     const std::uint32_t header[10] = {
         40, std::uint32_t(width), std::uint32_t(height), 0x80001, 0, 0, 19684, 19684};
     std::memcpy(block.data(), header, sizeof header);
-    for (int i = 0; i < 256; ++i) {
+    for (int i = 0; i < 256; ++i)
         std::memset(&block[40 + 4 * i], i, 3);
-    }
-    for (int y = 0; y < height; ++y) {
-        std::memcpy(&block[1064 + y * stride], &pixels[y * width], width);
-    }
+    for (int y = 0; y < height; ++y)
+        std::memcpy(&block[1064 + y * Stride(width)], &pixels[y * width], width);
     return block;
 }
 
 // A unit's instance with its data set.
 struct Unit {
     Unit(int width, std::uint64_t seed) : optics(kr7sim::MakeUnitOptics(width, 480, seed)) {
-        const auto record = kr7sim::Serialize(optics);
+        const Bytes record = kr7sim::Serialize(optics);
         setData = Lib().CalibrateSetData(handle, record.data(), unsigned(record.size()));
     }
     ~Unit() { Lib().CalibrateDelete(&handle); }
 
     // Renders a platen image through the optics, optionally with a gain error
     // of 0.7 % and read noise (sigma 2) per pixel, as a DIB.
-    Bytes Frame(const Image& platen, bool noisy) const {
-        Image frame(std::size_t(optics.width) * optics.height);
+    Bytes Frame(const Bytes& platen, bool noisy) const {
+        Bytes frame(std::size_t(optics.width) * optics.height);
         kr7sim::ApplyOptics(optics, platen.data(), optics.width, frame.data(), optics.width);
-        std::uint64_t state = optics.seed;
-        auto uniform = [&] {  // splitmix64, -0.5..0.5
-            std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-            z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-            z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-            return double((z ^ (z >> 31)) >> 11) / 9007199254740992.0 - 0.5;
-        };
+        kr7sim::Rng rng(optics.seed);
         for (auto& p : frame) {
-            const double gain = 1 + 0.007 * std::sqrt(12.0) * uniform();
-            const double noise = 2.0 * std::sqrt(6.0) * (uniform() + uniform());
-            p = noisy ? std::uint8_t(std::clamp(std::lround(p * gain + noise), 0L, 255L)) : p;
+            const double v = p * (1 + 0.007 * rng.Normal()) + 2.0 * rng.Normal();
+            p = noisy ? std::uint8_t(std::clamp(std::lround(v), 0L, 255L)) : p;
         }
         return ToDib(frame, optics.width, optics.height);
     }
-    Image Correct(Bytes in) {
+    // The corrected image; its size is checked against the optics.
+    Bytes Correct(Bytes in) {
         unsigned size = 0;
         EXPECT_EQ(Lib().Calibrate(handle, Dib(in), unsigned(in.size()), nullptr, &size), -21);
         Bytes out(size, 0xCD);
@@ -105,10 +138,9 @@ struct Unit {
         const int w = optics.OutputWidth(), h = optics.OutputHeight();
         EXPECT_EQ(size, 1064 + Stride(w) * h);
         EXPECT_EQ(std::memcmp(&out[4], &w, 4) | std::memcmp(&out[8], &h, 4), 0);
-        Image pixels(std::size_t(w) * h);
-        for (int y = 0; y < h; ++y) {
+        Bytes pixels(std::size_t(w) * h);
+        for (int y = 0; y < h; ++y)
             std::memcpy(&pixels[y * w], &out[1064 + y * Stride(w)], w);
-        }
         return pixels;
     }
     double Contamination(Bytes in) {
@@ -123,14 +155,12 @@ struct Unit {
 };
 
 TEST(CalibrateSdk, ExportsAllSixEntriesAndTheTestVariantLacksContamination) {
-    ASSERT_NE(Lib().lib, nullptr) << dlerror();
-    EXPECT_TRUE(Lib().CalibrateCreate && Lib().Calibrate && Lib().CalibrateDelete &&
-                Lib().CalibrateSetData && Lib().CalibrateGetErrorDescription &&
-                Lib().ContaminationDetection);
     Sdk variant(KR7_CALIBRATE_SDK_NOCONTAM_PATH);
-    ASSERT_NE(variant.lib, nullptr) << dlerror();
-    EXPECT_NE(variant.Calibrate, nullptr);
-    EXPECT_EQ(variant.ContaminationDetection, nullptr);
+#define KR7_PRESENT(name)                    \
+    EXPECT_NE(Lib().name, nullptr) << #name; \
+    EXPECT_EQ(variant.name == nullptr, std::strcmp(#name, "ContaminationDetection") == 0) << #name;
+    KR7_CAL_ENTRIES(KR7_PRESENT)
+#undef KR7_PRESENT
 }
 
 TEST(CalibrateSdk, GridComesBackWithinOnePixel) {
@@ -140,43 +170,38 @@ TEST(CalibrateSdk, GridComesBackWithinOnePixel) {
             ASSERT_EQ(unit.setData, 0);
             const kr7sim::Optics& o = unit.optics;
             // Two-pixel dark lines every 24 pixels on a clean platen.
-            Image platen(std::size_t(width) * 480);
-            for (int y = 0; y < 480; ++y) {
-                for (int x = 0; x < width; ++x) {
-                    platen[y * width + x] =
-                        (x % 24 < 2 || y % 24 < 2) ? 40 : std::uint8_t(o.flatLevel);
-                }
-            }
-            const Image out = unit.Correct(unit.Frame(platen, false));
+            Bytes platen(std::size_t(width) * 480);
+            for (std::size_t i = 0; i < platen.size(); ++i)
+                platen[i] = (i % width % 24 < 2 || i / width % 24 < 2) ? 40 : o.flatLevel;
+            const Bytes out = unit.Correct(unit.Frame(platen, false));
             const int w = o.OutputWidth(), h = o.OutputHeight();
             // Darkness-weighted centre of each line across it, away from the
             // crossings, against the line's platen position. `pixel(a, b)`
             // reads position a across the line, b along it.
-            auto worstOffset = [&](int lines, int margin, int along, int alongMargin, auto pixel) {
-                double worst = 0;
+            auto worst = [&](int lines, int margin, int along, int along_margin, auto pixel) {
+                double offset = 0;
                 for (int line = 24; line + 24 < lines; line += 24) {
                     const double expected = line + 0.5 - margin;
                     for (int b = 0; b < along; ++b) {
-                        if ((b + alongMargin) % 24 < 6 || (b + alongMargin) % 24 > 20) {
+                        if ((b + along_margin) % 24 < 6 || (b + along_margin) % 24 > 20)
                             continue;
-                        }
                         double sum = 0, moment = 0;
                         for (int a = int(expected) - 6; a <= int(expected) + 6; ++a) {
                             sum += std::max(0, 248 - pixel(a, b));
                             moment += std::max(0, 248 - pixel(a, b)) * a;
                         }
-                        worst = std::max(worst, sum > 0 ? std::abs(moment / sum - expected) : 99);
+                        offset = std::max(offset, sum > 0 ? std::abs(moment / sum - expected) : 99);
                     }
                 }
-                return worst;
+                return offset;
             };
-            EXPECT_LT(worstOffset(width, o.marginX, h, o.marginY,
-                                  [&](int a, int b) { return int(out[b * w + a]); }),
-                      1.0)
+            EXPECT_LT(
+                worst(width, o.marginX, h, o.marginY, [&](int a, int b) { return out[b * w + a]; }),
+                1.0)
                 << seed << " " << width;
-            EXPECT_LT(worstOffset(480, o.marginY, w, o.marginX,
-                                  [&](int a, int b) { return int(out[a * w + b]); }),
-                      1.0)
+            EXPECT_LT(
+                worst(480, o.marginY, w, o.marginX, [&](int a, int b) { return out[a * w + b]; }),
+                1.0)
                 << seed << " " << width;
         }
     }
@@ -185,34 +210,26 @@ TEST(CalibrateSdk, GridComesBackWithinOnePixel) {
 TEST(CalibrateSdk, EmptyPlatenIsBrightFlatAndCleanAndSmudgesAreMeasured) {
     for (int seed : {21, 22, 23}) {
         Unit unit(640, seed);
-        const Bytes frame =
-            unit.Frame(Image(std::size_t(640) * 480, std::uint8_t(unit.optics.flatLevel)), true);
-        const Image out = unit.Correct(frame);
+        const Bytes frame = unit.Frame(Bytes(std::size_t(640) * 480, unit.optics.flatLevel), true);
+        const Bytes out = unit.Correct(frame);
         const int w = unit.optics.OutputWidth(), h = unit.optics.OutputHeight();
-        double total = 0, lowestRow = 255;
+        double total = 0, lowest_row = 255;
         for (int v = 0; v < h; ++v) {
-            double row = 0;
-            for (int u = 0; u < w; ++u) {
-                row += out[v * w + u];
-            }
+            const double row = std::accumulate(&out[v * w], &out[v * w] + w, 0.0);
             total += row;
-            lowestRow = std::min(lowestRow, row / w);
+            lowest_row = std::min(lowest_row, row / w);
         }
         EXPECT_NEAR(total / (double(w) * h), 248.0, 1.0);
-        EXPECT_GT(lowestRow, 243.0);
+        EXPECT_GT(lowest_row, 243.0);
         EXPECT_EQ(unit.Contamination(frame), 0.0);
     }
-
     // Smudges of 20 x 20 pixels covering about 4 % of the corrected area.
     Unit unit(320, 31);
-    Image platen(std::size_t(320) * 480, std::uint8_t(unit.optics.flatLevel));
-    for (int cy = 60; cy < 440; cy += 95) {
-        for (int cx = 40; cx < 300; cx += 90) {
-            for (int y = cy; y < cy + 20; ++y) {
+    Bytes platen(std::size_t(320) * 480, unit.optics.flatLevel);
+    for (int cy = 60; cy < 440; cy += 95)
+        for (int cx = 40; cx < 300; cx += 90)
+            for (int y = cy; y < cy + 20; ++y)
                 std::fill_n(&platen[y * 320 + cx], 20, 150);
-            }
-        }
-    }
     const double share = 12 * 400 / double(unit.optics.OutputWidth() * unit.optics.OutputHeight());
     EXPECT_NEAR(unit.Contamination(unit.Frame(platen, true)), share, share * 0.15);
 }
@@ -221,7 +238,7 @@ TEST(CalibrateSdk, RejectsBadDataAndFramesWithoutReadingPastThem) {
     Sdk& sdk = Lib();
     Unit unit(320, 41);
     void* h = unit.handle;
-    auto record = kr7sim::Serialize(unit.optics);
+    Bytes record = kr7sim::Serialize(unit.optics);
     EXPECT_EQ(sdk.CalibrateSetData(h, record.data(), 55), -11);  // earlier data stays
     EXPECT_EQ(sdk.CalibrateSetData(h, nullptr, 56), -2);
     EXPECT_EQ(sdk.CalibrateSetData(nullptr, record.data(), 56), -1);
@@ -230,7 +247,7 @@ TEST(CalibrateSdk, RejectsBadDataAndFramesWithoutReadingPastThem) {
     EXPECT_STREQ(sdk.CalibrateGetErrorDescription(-11), "The calibration data is malformed.");
     EXPECT_STREQ(sdk.CalibrateGetErrorDescription(-999), "Unknown calibration error.");
 
-    const Bytes good = ToDib(Image(320 * 480, 180), 320, 480);
+    const Bytes good = ToDib(Bytes(320 * 480, 180), 320, 480);
     unsigned size = 0;
     double result = 0;
     for (unsigned n : {0u, 39u, 1063u, unsigned(good.size() - 1)}) {  // exact-size copies
@@ -257,7 +274,6 @@ TEST(CalibrateSdk, RejectsBadDataAndFramesWithoutReadingPastThem) {
     EXPECT_EQ(size, out.size());
     EXPECT_EQ(sdk.Calibrate(h, nullptr, 0, nullptr, &size), -2);
     EXPECT_EQ(sdk.ContaminationDetection(h, Dib(in), unsigned(in.size()), nullptr), -2);
-
     void* fresh = sdk.CalibrateCreate();
     EXPECT_EQ(sdk.Calibrate(fresh, Dib(in), unsigned(in.size()), nullptr, &size), -10);
     sdk.CalibrateDelete(&fresh);

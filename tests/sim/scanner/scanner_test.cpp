@@ -1,0 +1,605 @@
+// The scanner API stand-in, loaded the way a host loads it (dlopen, dlsym)
+// with a fresh environment, so that every test sees a newly configured
+// library: entry points, identity, memories, errors, faults, photometry
+// through the calibration library, scenario steps, replay and determinism.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "calibration/calibration_header.h"
+#include "calibration/norvakcalibratesdk.h"
+#include "common/optics.h"
+#include "scanner/ftrscan.h"
+
+namespace scantest {
+namespace {
+
+using Env = std::map<std::string, std::string>;
+using Frame = std::vector<uint8_t>;
+constexpr int kW = 320, kH = 480;
+
+// clang-format off
+#define KR7_SCAN_ENTRIES(X)                                                                        \
+    X(ftrScanOpenDevice) X(ftrScanCloseDevice) X(ftrScanSetOptions) X(ftrScanGetOptions)           \
+    X(ftrScanGetImageSize) X(ftrScanGetFrame) X(ftrScanGetBacklightImage) X(ftrScanGetDarkImage)   \
+    X(ftrScanGetImage) X(ftrScanIsFingerPresent) X(ftrScanSave7Bytes)                              \
+    X(ftrScanRestore7ControlBytes) X(ftrScanGetDiodesStatus) X(ftrScanSetDiodesStatus)             \
+    X(ftrScanGetInterfaces) X(ftrSetBaseInterface) X(ftrGetBaseInterfaceNumber)                    \
+    X(ftrScanSaveSerialNumber) X(ftrScanGetImageByVariableDose) X(ftrScanGetImage2)                \
+    X(ftrScanGetLastError) X(ftrScanSetLastError) X(ftrScanGetExtMemorySize)                       \
+    X(ftrScanSaveExtMemory) X(ftrScanRestoreExtMemory) X(ftrScanGetSerialNumber) X(ftrScanGetVersion)
+// clang-format on
+
+struct Scanner {
+    explicit Scanner(const Env& env = {}, const char* path = KR7_SCANNER_PATH) {
+        for (const char* name : {"KR7SIM_SEED", "KR7SIM_UNITS", "KR7SIM_SCENARIO",
+                                 "KR7SIM_REALTIME", "KR7SIM_FAULTS", "KR7SIM_JOURNAL"})
+            unsetenv(name);
+        for (const auto& [key, value] : env)
+            setenv(key.c_str(), value.c_str(), 1);
+        lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        if (lib == nullptr)
+            ADD_FAILURE() << dlerror();
+#define KR7_RESOLVE(name) \
+    name = lib ? reinterpret_cast<decltype(&::name)>(dlsym(lib, #name)) : nullptr;
+        KR7_SCAN_ENTRIES(KR7_RESOLVE)
+#undef KR7_RESOLVE
+    }
+    ~Scanner() {
+        if (lib != nullptr)
+            dlclose(lib);
+    }
+
+    // Opens the device on the base interface; fails the test if it cannot.
+    FTRHANDLE Open() {
+        FTRHANDLE h = ftrScanOpenDevice();
+        EXPECT_NE(h, nullptr) << "error " << ftrScanGetLastError();
+        return h;
+    }
+    // 0 for a call that succeeded, otherwise the last error.
+    uint32_t Code(bool ok) {
+        return ok ? 0 : ftrScanGetLastError();
+    }
+    // One GetFrame of a kW x kH frame.
+    uint32_t Grab(FTRHANDLE h, Frame& frame) {
+        frame.resize(kW * kH);
+        return Code(ftrScanGetFrame(h, frame.data(), nullptr));
+    }
+    std::vector<uint8_t> ExtMemory(FTRHANDLE h) {
+        int size = 0;
+        EXPECT_TRUE(ftrScanGetExtMemorySize(h, &size));
+        std::vector<uint8_t> bytes(size_t(std::max(size, 0)));
+        EXPECT_TRUE(ftrScanRestoreExtMemory(h, bytes.data(), 0, size));
+        return bytes;
+    }
+
+    void* lib = nullptr;
+#define KR7_DECLARE(name) decltype(&::name) name = nullptr;
+    KR7_SCAN_ENTRIES(KR7_DECLARE)
+#undef KR7_DECLARE
+};
+
+// The calibration payload of a unit's extended memory, read the way the
+// plug-in reads it; throws when there is no valid block.
+std::vector<uint8_t> CalibrationPayload(const std::vector<uint8_t>& ext) {
+    struct Stream : Nvk::CXStream {
+        const std::vector<uint8_t>* bytes = nullptr;
+        bool WriteRaw(const void*, unsigned int) override { return false; }
+        bool ReadRaw(void* data, unsigned int size) override {
+            std::memcpy(data, bytes->data(), std::min<size_t>(size, bytes->size()));
+            return size <= bytes->size();
+        }
+    } stream;
+    stream.bytes = &ext;
+    Nvk::ClQV2CalibrationHeader header;
+    unsigned char* payload = nullptr;
+    unsigned int size = 0;
+    header.ReadFromStream(&stream, unsigned(ext.size()), &payload, size);
+    EXPECT_EQ(header.GetHeaderVersion(), "1");
+    EXPECT_EQ(header.RevisionString().size(), 16u);
+    EXPECT_FALSE(header.Description().empty());
+    return std::vector<uint8_t>(payload, payload + size);
+}
+
+// A fresh temporary folder, removed with its files at the end of the scope.
+struct TempDir {
+    TempDir() {
+        char templ[] = "/tmp/kr7scan_XXXXXX";
+        path = mkdtemp(templ);
+    }
+    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
+    std::string Write(const std::string& name, const std::string& content) const {
+        std::ofstream(path + "/" + name, std::ios::binary) << content;
+        return path + "/" + name;
+    }
+    std::string Read(const std::string& name) const {
+        std::stringstream text;
+        text << std::ifstream(path + "/" + name).rdbuf();
+        return text.str();
+    }
+    std::string path;
+};
+
+// The plug-in's view of a raw frame: rows turned upside down and inverted.
+Frame FlipInvert(const Frame& raw) {
+    Frame out(raw.size());
+    for (size_t y = 0; y < kH; ++y)
+        for (size_t x = 0; x < kW; ++x)
+            out[y * kW + x] = uint8_t(255 - raw[(kH - 1 - y) * kW + x]);
+    return out;
+}
+
+double Mean(const Frame& f) {
+    double sum = 0;
+    for (uint8_t v : f)
+        sum += v;
+    return f.empty() ? 0 : sum / double(f.size());
+}
+
+const Env kQuiet = {{"KR7SIM_SCENARIO", "empty;"}};
+
+TEST(ScannerExports, VariantsExportTheirGroups) {
+    const char* extended[] = {"ftrScanGetExtMemorySize", "ftrScanSaveExtMemory",
+                              "ftrScanRestoreExtMemory", "ftrScanGetSerialNumber",
+                              "ftrScanGetVersion"};
+    Scanner full;
+#define KR7_PRESENT(name) EXPECT_NE(full.name, nullptr) << #name;
+    KR7_SCAN_ENTRIES(KR7_PRESENT)
+#undef KR7_PRESENT
+    // Nothing but the entry points leaves the library.
+    EXPECT_EQ(
+        dlsym(full.lib, "_ZN6kr7sim10ScanEngine6RenderEPKNS_10ImpressionERKNS_12FrameRequestEPh"),
+        nullptr);
+    {
+        Scanner base(kQuiet, KR7_SCANNER_NOEXT_PATH);
+        for (const char* name : extended)
+            EXPECT_EQ(dlsym(base.lib, name), nullptr) << name;
+        Frame frame;
+        EXPECT_EQ(base.Grab(base.Open(), frame), 0u);
+    }
+    Scanner broken(kQuiet, KR7_SCANNER_NOGETIMAGE2_PATH);
+    EXPECT_EQ(broken.ftrScanGetImage2, nullptr);
+    EXPECT_NE(broken.ftrScanGetImageByVariableDose, nullptr);
+    for (const char* name : extended)
+        EXPECT_NE(dlsym(broken.lib, name), nullptr) << name;
+}
+
+TEST(ScannerUnit, IdentityOptionsLedsAndMemoriesPersist) {
+    Scanner s(kQuiet);
+    FTRHANDLE h = s.Open();
+    FTRSCAN_IMAGE_SIZE size{};
+    ASSERT_TRUE(s.ftrScanGetImageSize(h, &size));
+    EXPECT_EQ(size.nWidth * 1000 + size.nHeight, 320480);
+    EXPECT_EQ(size.nImageSize, 320 * 480);
+    FTRSCAN_VERSION_INFO info{sizeof info, {}, {}, {}};
+    ASSERT_TRUE(s.ftrScanGetVersion(h, &info));
+    EXPECT_EQ(info.HardwareVersion.wMajorVersionHi, 3);
+    EXPECT_EQ(info.FirmwareVersion.wMinorVersionHi, 65535);
+    // Known option bits stick, unknown ones are refused.
+    uint32_t flags = 0;
+    EXPECT_TRUE(s.ftrScanSetOptions(h, 0x45, 0x05));
+    ASSERT_TRUE(s.ftrScanGetOptions(h, &flags));
+    EXPECT_EQ(flags, 0x05u);
+    EXPECT_EQ(s.Code(s.ftrScanSetOptions(h, 0x100, 0x100)), FTR_ERROR_NOT_SUPPORTED);
+    // LEDs; a capture switches them off.
+    FTR_BOOL green = 0, red = 0;
+    ASSERT_TRUE(s.ftrScanSetDiodesStatus(h, 255, 0));
+    ASSERT_TRUE(s.ftrScanGetDiodesStatus(h, &green, &red));
+    EXPECT_TRUE(green && !red);
+    Frame frame;
+    ASSERT_EQ(s.Grab(h, frame), 0u);
+    ASSERT_TRUE(s.ftrScanGetDiodesStatus(h, &green, &red));
+    EXPECT_FALSE(green);
+
+    // Control bytes, serial number and extended memory survive a reopen.
+    unsigned char seven[7] = {1, 2, 3, 4, 5, 6, 7}, back[7] = {};
+    unsigned char block[10] = {0xBA, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0x24};
+    unsigned char bad_sum[10] = {0xBA, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0x25};
+    unsigned char bad_mark[10] = {0xBB, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0x24};
+    const int ext = int(s.ExtMemory(h).size());
+    char data[4] = {'d', 'a', 't', 'a'}, read[4] = {}, serial[8];
+    ASSERT_GE(ext, 1024);
+    ASSERT_TRUE(s.ftrScanSave7Bytes(h, seven) && s.ftrScanSaveSerialNumber(h, block) &&
+                s.ftrScanSaveExtMemory(h, data, ext - 4, 4) && s.ftrScanCloseDevice(h));
+    EXPECT_EQ(s.Grab(h, frame), FTR_ERROR_INVALID_PARAMETER);  // a closed handle is unknown
+    EXPECT_FALSE(s.ftrScanCloseDevice(h));
+    // Calls that would read or write past a buffer, pass a null pointer or
+    // carry a bad checksum fail with 87 and touch nothing.
+    info.dwVersionInfoSize = 20;
+    const FTRHANDLE open = s.Open();
+    for (const auto& call : std::vector<std::function<bool()>>{
+             [&] { return s.ftrScanGetVersion(open, &info); },
+             [&] { return s.ftrScanSaveSerialNumber(open, bad_sum); },
+             [&] { return s.ftrScanSaveSerialNumber(open, bad_mark); },
+             [&] { return s.ftrScanSaveExtMemory(open, data, ext - 3, 4); },
+             [&] { return s.ftrScanRestoreExtMemory(open, read, -1, 4); },
+             [&] { return s.ftrScanRestoreExtMemory(open, nullptr, 0, 4); },
+             [&] { return s.ftrScanGetDiodesStatus(open, nullptr, &red); },
+             [&] { return s.ftrScanGetImageByVariableDose(open, -1, frame.data()); },
+             [&] { return s.ftrScanGetImage(open, 60, nullptr); },
+             [&] { return s.ftrScanGetFrame(nullptr, frame.data(), nullptr); }})
+        EXPECT_EQ(s.Code(call()), FTR_ERROR_INVALID_PARAMETER);
+    ASSERT_TRUE(s.ftrScanRestore7ControlBytes(open, back));
+    EXPECT_EQ(std::memcmp(back, seven, 7), 0);
+    ASSERT_TRUE(s.ftrScanGetSerialNumber(open, serial));
+    EXPECT_EQ(std::string(serial, 8), "ABCDEFGH");
+    ASSERT_TRUE(s.ftrScanRestoreExtMemory(open, read, ext - 4, 4));
+    EXPECT_EQ(std::memcmp(read, data, 4), 0);
+}
+
+TEST(ScannerUnit, InterfacesSelectUnitsAndTheMemoryHoldsTheirCalibration) {
+    Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"},
+                  {"KR7SIM_UNITS",
+                   "if=3,size=640x480,long=none,serial=QWERTYUI;if=1,long=640x480;"
+                   "if=2,calibration=no"}});
+    FTRSCAN_INTERFACES_LIST list;
+    ASSERT_TRUE(s.ftrScanGetInterfaces(&list));
+    for (int i = 0; i < FTR_MAX_INTERFACE_NUMBER; ++i)
+        EXPECT_EQ(list.InterfaceStatus[i], i >= 1 && i <= 3 ? 0 : 1) << i;
+    EXPECT_EQ(s.ftrGetBaseInterfaceNumber(), 1);  // the lowest configured interface
+    EXPECT_EQ(s.Code(s.ftrSetBaseInterface(5)), FTR_ERROR_NO_MORE_ITEMS);
+    EXPECT_FALSE(s.ftrSetBaseInterface(-1));
+    for (int unit : {3, 1, 2}) {
+        SCOPED_TRACE(unit);
+        ASSERT_TRUE(s.ftrSetBaseInterface(unit));
+        FTRHANDLE h = s.Open();
+        if (unit == 2) {  // no calibration block
+            EXPECT_ANY_THROW(CalibrationPayload(s.ExtMemory(h)));
+            continue;
+        }
+        // The block describes the optics of the long image, which the plug-in asks for.
+        const std::vector<uint8_t> payload = CalibrationPayload(s.ExtMemory(h));
+        kr7sim::Optics optics;
+        ASSERT_TRUE(kr7sim::Parse(payload.data(), payload.size(), optics));
+        const bool long_image = s.ftrScanSetOptions(h, 4, 4);
+        EXPECT_EQ(long_image ? 0u : s.ftrScanGetLastError(),
+                  unit == 3 ? FTR_ERROR_HARDWARE_INCOMPATIBLE : 0);
+        FTRSCAN_IMAGE_SIZE size{};
+        ASSERT_TRUE(s.ftrScanGetImageSize(h, &size));
+        EXPECT_EQ(optics.width * 1000 + optics.height, size.nWidth * 1000 + size.nHeight);
+        EXPECT_EQ(size.nWidth, 640);
+    }
+    char serial[8];
+    ASSERT_TRUE(s.ftrSetBaseInterface(3));
+    ASSERT_TRUE(s.ftrScanGetSerialNumber(s.Open(), serial));
+    EXPECT_EQ(std::string(serial, 8), "QWERTYUI");
+}
+
+TEST(ScannerErrors, LastErrorIsPerThreadAndCapturesKeepTheFramePeriod) {
+    Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"}, {"KR7SIM_REALTIME", "1"}});
+    s.ftrScanSetLastError(1460);
+    uint32_t other = 1;
+    std::thread([&] { other = s.ftrScanGetLastError(); }).join();
+    EXPECT_EQ(other, 0u);
+    EXPECT_EQ(s.ftrScanGetLastError(), 1460u);
+    FTRHANDLE h = s.Open();
+    EXPECT_EQ(s.ftrScanGetLastError(), 0u);  // success clears it
+
+    // A capture thread in real time and the host thread at once on one handle.
+    const auto start = std::chrono::steady_clock::now();
+    std::thread capture([&] {
+        Frame frame;
+        for (int i = 0; i < 6; ++i)
+            EXPECT_EQ(s.Grab(h, frame), 0u);
+    });
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(s.ftrScanSetDiodesStatus(h, uint8_t(i % 2 ? 255 : 0), 0));
+    capture.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+}
+
+// One rule per kind of injection, each on its own entry point; every row
+// gives the results of the first calls of one entry point (counting from 1).
+TEST(ScannerFaults, InjectedFailuresHitTheChosenCalls) {
+    TempDir dir;
+    Scanner s(
+        Env{{"KR7SIM_SCENARIO", "empty;"},
+            {"KR7SIM_JOURNAL", dir.path + "/journal.txt"},
+            {"KR7SIM_FAULTS",
+             "ftrScanGetLastError@1=8; ftrScanSetLastError@1=120, ftrGetBaseInterfaceNumber@1=50;"
+             "ftrScanGetFrame@2=31;ftrScanGetImageSize@1-2=0x20000004; ftrScanCloseDevice@1=17;"
+             "ftrScanOpenDevice@3+=21; ftrScanGetInterfaces@2=5; ftrSetBaseInterface@1=6"}});
+    FTRHANDLE h = s.Open(), other = nullptr;
+    Frame frame;
+    FTRSCAN_IMAGE_SIZE size;
+    FTRSCAN_INTERFACES_LIST list;
+    const std::vector<std::pair<std::function<uint32_t()>, std::vector<uint32_t>>> rows = {
+        {[&] { return s.ftrScanGetLastError(); }, {8, 0}},
+        {[&] { return s.ftrScanSetLastError(7), s.ftrScanGetLastError(); }, {120, 7}},
+        {[&] { return s.ftrGetBaseInterfaceNumber() < 0 ? s.ftrScanGetLastError() : 0; }, {50, 0}},
+        {[&] { return s.Grab(h, frame); }, {0, 31, 0}},
+        {[&] { return s.Code(s.ftrScanGetImageSize(h, &size)); }, {0x20000004, 0x20000004, 0}},
+        {[&] { return s.Code(s.ftrScanCloseDevice(nullptr)); }, {17, FTR_ERROR_INVALID_PARAMETER}},
+        {[&] { return s.Code((other = s.ftrScanOpenDevice()) && s.ftrScanCloseDevice(other)); },
+         {0, 21, 21}},  // Open() made call 1
+        {[&] { return s.Code(s.ftrScanGetInterfaces(&list)); }, {0, 5, 0}},
+        {[&] { return s.Code(s.ftrSetBaseInterface(0)); }, {6, 0}},
+    };
+    for (size_t r = 0; r < rows.size(); ++r) {
+        std::vector<uint32_t> results;
+        while (results.size() < rows[r].second.size())
+            results.push_back(rows[r].first());
+        EXPECT_EQ(results, rows[r].second) << "row " << r;
+    }
+    const std::string text = dir.Read("journal.txt");
+    EXPECT_NE(text.find("ftrScanGetFrame(h1, buffer) -> 0 error 31 (injected)"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("ftrScanGetImageSize(h1) -> 0 error 0x20000004 (injected)"),
+              std::string::npos);
+}
+
+TEST(ScannerErrors, BadConfigurationNamesTheProblemAndRefusesToOpen) {
+    TempDir dir;
+    const std::string file = dir.Write("bad.txt", "# demo\nempty 1s\nplace 2s skin=oily\n");
+    std::system(("mkdir " + dir.path + "/frames").c_str());
+    dir.Write("frames/a.pgm", "P5\n4 4\n255\nxx");
+    const struct {
+        Env env;
+        std::string message;
+    } cases[] = {
+        {{{"KR7SIM_SCENARIO", file}}, file + ":3: bad value 'oily' for option 'skin'"},
+        {{{"KR7SIM_SCENARIO", "empty 1s;\nhold 3parsecs"}}, "KR7SIM_SCENARIO:2: bad duration"},
+        {{{"KR7SIM_SCENARIO", "repeat;empty"}}, "KR7SIM_SCENARIO:1: 'repeat' must be the last"},
+        {{{"KR7SIM_SCENARIO", "jump 2s;"}}, "KR7SIM_SCENARIO:1: unknown step 'jump'"},
+        {{{"KR7SIM_SCENARIO", "roll 2s;"}}, "unexpected '2s' after 'roll'"},
+        {{{"KR7SIM_SCENARIO", "roll from=top;"}}, "bad value 'top' for option 'from'"},
+        {{{"KR7SIM_SCENARIO", "empty;replay " + dir.path + "/frames"}}, "truncated PGM"},
+        {{{"KR7SIM_SCENARIO", "empty;replay " + dir.path + "/none"}}, "cannot open folder"},
+        {{{"KR7SIM_SCENARIO", dir.path + "/missing.txt"}}, "cannot open the scenario"},
+        {{{"KR7SIM_FAULTS", "ftrScanGetFrame@0=31"}}, "bad call number"},
+        {{{"KR7SIM_FAULTS", "ftrScanGetFrame@1=0"}}, "bad error code"},
+        {{{"KR7SIM_FAULTS", "ftrScanGetFrame=31"}}, "expected NAME@CALL=CODE"},
+        {{{"KR7SIM_FAULTS", "ftrScanFly@1=31"}}, "unknown entry point 'ftrScanFly'"},
+        {{{"KR7SIM_UNITS", "if=0;if=0"}}, "two units on interface 0"},
+        {{{"KR7SIM_UNITS", "size=10x10"}}, "bad setting 'size=10x10'"},
+    };
+    for (const auto& c : cases) {
+        Scanner s(c.env);
+        testing::internal::CaptureStderr();
+        FTRHANDLE h = s.ftrScanOpenDevice();
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(h, nullptr) << c.message;
+        EXPECT_EQ(s.ftrScanGetLastError(), FTR_ERROR_INVALID_PARAMETER);
+        EXPECT_NE(err.find(c.message), std::string::npos) << err;
+        FTRSCAN_INTERFACES_LIST list;
+        ASSERT_TRUE(s.ftrScanGetInterfaces(&list));
+        EXPECT_EQ(list.InterfaceStatus[0], 1) << c.message;
+    }
+}
+
+// Corrects a raw frame the way the plug-in does: flip and invert, then the
+// calibration library with the unit's own calibration data. Returns the
+// corrected image without row padding; `width` receives its width.
+Frame Calibrate(const std::vector<uint8_t>& payload, const Frame& raw, int& width) {
+    void* lib = dlopen(KR7_CALIBRATE_SDK_PATH, RTLD_NOW | RTLD_LOCAL);
+#define KR7_ENTRY(name) reinterpret_cast<decltype(&::name)>(dlsym(lib, #name))
+    void* handle = KR7_ENTRY(CalibrateCreate)();
+    EXPECT_EQ(KR7_ENTRY(CalibrateSetData)(handle, payload.data(), unsigned(payload.size())), 0);
+    std::vector<uint8_t> dib(1064 + raw.size()), out(dib.size());
+    const int32_t head[] = {40, kW, kH, 0x80001};  // one plane, 8 bits
+    std::memcpy(dib.data(), head, sizeof head);
+    const Frame plain = FlipInvert(raw);
+    std::memcpy(dib.data() + 1064, plain.data(), plain.size());
+    unsigned size = unsigned(out.size());
+    EXPECT_EQ(KR7_ENTRY(Calibrate)(handle, reinterpret_cast<tagBITMAPINFOHEADER*>(dib.data()),
+                                   unsigned(dib.size()),
+                                   reinterpret_cast<tagBITMAPINFOHEADER*>(out.data()), &size),
+              0);
+    KR7_ENTRY(CalibrateDelete)(&handle);
+#undef KR7_ENTRY
+    dlclose(lib);
+    int height = 0;
+    std::memcpy(&width, &out[4], 4);
+    std::memcpy(&height, &out[8], 4);
+    Frame image;
+    for (int y = 0, stride = (width + 3) & ~3; y < height; ++y)
+        image.insert(image.end(), &out[1064 + y * stride], &out[1064 + y * stride + width]);
+    return image;
+}
+
+TEST(ScannerPhotometry, EmptyPlatenCalibratesFlatAndBright) {
+    Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"}});
+    FTRHANDLE h = s.Open();
+    Frame raw(kW * kH), half(kW * kH), dark(kW * kH), backlight(kW * kH);
+    ASSERT_EQ(s.Code(s.ftrScanGetImageByVariableDose(h, 60, raw.data())), 0u);
+    EXPECT_LT(Mean(raw), 55.0);  // API polarity: the empty platen is dark
+    int w = 0;
+    const Frame corrected = Calibrate(CalibrationPayload(s.ExtMemory(h)), raw, w);
+    ASSERT_GT(w, 0);
+    EXPECT_NEAR(Mean(corrected), 248.0, 2.0);
+    for (size_t y = 0; y < corrected.size() / size_t(w); ++y)
+        ASSERT_GT(Mean(Frame(&corrected[y * w], &corrected[y * w] + w)), 243.0) << "row " << y;
+
+    // The signal is linear in the dose above the dark offset.
+    ASSERT_EQ(s.Code(s.ftrScanGetImageByVariableDose(h, 30, half.data())), 0u);
+    ASSERT_TRUE(s.ftrScanGetDarkImage(h, dark.data()));
+    const double offset = Mean(FlipInvert(dark));
+    EXPECT_TRUE(offset > 3.0 && offset < 9.0) << offset;
+    EXPECT_NEAR((Mean(FlipInvert(half)) - offset) / (Mean(FlipInvert(raw)) - offset), 0.5, 0.02);
+    ASSERT_TRUE(s.ftrScanGetBacklightImage(h, backlight.data()));
+    EXPECT_NEAR(Mean(backlight), Mean(raw), 1.0);
+    // With the invert option the frame keeps the platen's polarity.
+    ASSERT_TRUE(s.ftrScanSetOptions(h, FTR_OPTIONS_INVERT_IMAGE, FTR_OPTIONS_INVERT_IMAGE));
+    ASSERT_EQ(s.Code(s.ftrScanGetImageByVariableDose(h, 60, raw.data())), 0u);
+    EXPECT_GT(Mean(raw), 200.0);
+}
+
+// One letter per GetFrame: e empty platen, f finger (ridges in contact), or
+// the error: F fake rejected, m moving finger, x empty frame, u unplugged.
+std::string Outcomes(Scanner& s, FTRHANDLE h, int n, std::vector<Frame>* keep = nullptr) {
+    std::string letters;
+    for (int i = 0; i < n; ++i) {
+        Frame f;
+        const uint32_t code = s.Grab(h, f);
+        const size_t ridges = std::count_if(f.begin(), f.end(), [](uint8_t v) { return v > 135; });
+        letters += code == 0                          ? (ridges > f.size() / 100 ? 'f' : 'e')
+                   : code == FTR_ERROR_NO_FRAME       ? 'F'
+                   : code == FTR_ERROR_MOVABLE_FINGER ? 'm'
+                   : code == FTR_ERROR_EMPTY_FRAME    ? 'x'
+                   : code == FTR_ERROR_DEVICE_NOT_FUNCTIONING ? 'u'
+                                                              : '?';
+        if (keep != nullptr)
+            keep->push_back(f);
+    }
+    return letters;
+}
+
+// Mean column of the ridges in contact (bright in API polarity).
+double ContactColumn(const Frame& raw) {
+    double sum = 0, weight = 0;
+    for (size_t i = 0; i < raw.size(); ++i) {
+        sum += double(raw[i]) * double(i % kW);
+        weight += raw[i];
+    }
+    return sum / weight;
+}
+
+// Finger scenarios run on units of one library, so that they share its cache
+// of ridge patterns (finger 5): unit 0 walks through the steps, units 1 and 2
+// (same seed) play rolls, dirt and skins, unit 3 places finger 5 by option.
+TEST(ScannerFingers, StepsRollsSkinsAndDirt) {
+    TempDir dir;
+    const std::string walk_file =
+        dir.Write("walk.txt",
+                  "seed 5; empty 2f; place 2f pressure=1.2 press=1f\n"
+                  "hold 1f; wait 1f; fake 2f; move 1f; movable 1f\n"
+                  "emptyframe 2f; lift 1f; unplug 3f; empty 2f; repeat 2\n");
+    const std::string rolls_file = dir.Write(
+        "rolls.txt",
+        "seed 5\nempty 1f; roll from=left press=1f over=6f; roll from=right press=1f over=6f\n"
+        "dirt 8; empty 1f; place 3f skin=dry press=1f; place 3f skin=wet press=1f\n");
+    const std::string same_file = dir.Write(
+        "same.txt", "empty 2f; place 2f pressure=1.2 press=1f finger=5; fake 1f finger=5");
+    Scanner s(Env{{"KR7SIM_UNITS", "if=0,seed=9,scenario=" + walk_file + ";if=1,seed=9,scenario=" +
+                                       rolls_file + ";if=2,seed=9,scenario=" + rolls_file +
+                                       ";if=3,seed=9,scenario=" + same_file},
+                  {"KR7SIM_JOURNAL", dir.path + "/journal.txt"}});
+    ASSERT_TRUE(s.ftrSetBaseInterface(0));
+    FTRHANDLE h = s.Open();
+    ASSERT_TRUE(s.ftrScanSetOptions(h, FTR_OPTIONS_CHECK_FAKE_REPLICA, 1));
+    std::vector<Frame> walk, same;
+    EXPECT_EQ(Outcomes(s, h, 13, &walk), "eeffffFFmmxxe");
+    // Unplugged from frame 13 to 15: the interface reads as free, opening
+    // fails, the handle is dead and stays dead after the replug.
+    FTRSCAN_INTERFACES_LIST list;
+    ASSERT_TRUE(s.ftrScanGetInterfaces(&list));
+    EXPECT_EQ(list.InterfaceStatus[0], 1);
+    EXPECT_EQ(s.ftrScanOpenDevice(), nullptr);
+    EXPECT_EQ(s.ftrScanGetLastError(), FTR_ERROR_NO_MORE_ITEMS);
+    EXPECT_EQ(Outcomes(s, h, 2), "uu");
+    ASSERT_TRUE(s.ftrScanGetInterfaces(&list));
+    EXPECT_EQ(list.InterfaceStatus[0], 0);
+    EXPECT_EQ(Outcomes(s, h, 1), "u");
+    EXPECT_TRUE(s.ftrScanCloseDevice(h));
+    h = s.Open();
+    EXPECT_EQ(Outcomes(s, h, 2), "ee");
+    // The second round, with presence checks; then the platen stays empty.
+    EXPECT_EQ(s.Code(s.ftrScanIsFingerPresent(h, nullptr)), FTR_ERROR_EMPTY_FRAME);
+    EXPECT_EQ(Outcomes(s, h, 1), "e");
+    EXPECT_TRUE(s.ftrScanIsFingerPresent(h, nullptr));
+    EXPECT_EQ(Outcomes(s, h, 13), "fffFFmmxxeuuu");
+    EXPECT_TRUE(s.ftrScanCloseDevice(h));
+    h = s.Open();
+    EXPECT_EQ(Outcomes(s, h, 3), "eee");
+    EXPECT_FALSE(s.ftrScanIsFingerPresent(h, nullptr));
+    const std::string text = dir.Read("journal.txt");
+    EXPECT_NE(text.find(", buffer) -> 0 error 0x20000002 [frame 6 t=0.24s step fake line 2]"),
+              std::string::npos)
+        << text;
+
+    // `seed 5` picks the finger that `finger=5` names; a fake images like a
+    // finger while fake checking is off.
+    ASSERT_TRUE(s.ftrSetBaseInterface(3));
+    EXPECT_EQ(Outcomes(s, s.Open(), 5, &same), "eefff");
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(same[size_t(i)] == walk[size_t(i)]) << i;
+
+    // Rolls from the chosen side, dirt and skins, the same bytes on both units.
+    std::vector<Frame> frames, again;
+    for (int unit = 1; unit <= 2; ++unit) {
+        ASSERT_TRUE(s.ftrSetBaseInterface(unit));
+        EXPECT_EQ(Outcomes(s, s.Open(), 24, unit == 1 ? &frames : &again),
+                  "effffffffffffffffeffffff");
+    }
+    EXPECT_TRUE(frames == again);
+    for (int roll = 0; roll < 2; ++roll) {
+        const double start = ContactColumn(frames[size_t(2 + 8 * roll)]);
+        const double end = ContactColumn(frames[size_t(7 + 8 * roll)]);
+        EXPECT_GT(roll == 0 ? end - start : start - end, 20.0) << "roll " << roll;
+    }
+    // Dirt: dark smudges on the empty platen that were not there before.
+    const Frame clean = FlipInvert(frames[0]), dirty = FlipInvert(frames[17]);
+    int smudged = 0;
+    for (size_t i = 0; i < clean.size(); ++i)
+        smudged += dirty[i] + 12 < clean[i] ? 1 : 0;
+    EXPECT_GT(smudged, 100);
+    // Wet skin images darker than dry skin.
+    EXPECT_LT(Mean(FlipInvert(frames[22])) + 10, Mean(FlipInvert(frames[19])));
+}
+
+// An 8-bit bottom-up BMP of a flat grey level with a grey palette.
+std::string FlatBmp(int32_t w, int32_t h, uint8_t level) {
+    const int32_t stride = (w + 3) & ~3, head[] = {0, 0, 1078, 40, w, h, 0x80001};
+    std::string b(1078 + size_t(stride * h), char(level));
+    std::memcpy(&b[0], "BM", 2);
+    std::memcpy(&b[2], head, sizeof head);
+    std::memset(&b[30], 0, 24);
+    for (int i = 0; i < 256; ++i)
+        b[54 + 4 * i] = b[55 + 4 * i] = b[56 + 4 * i] = char(i);
+    return b;
+}
+
+TEST(ScannerScenario, ReplaysRecordedFrames) {
+    TempDir dir;
+    // A platen image whose top half is black.
+    dir.Write("a.pgm", "P5\n# recorded\n200 300\n255\n" + std::string(200 * 150, '\0') +
+                           std::string(200 * 150, '\xff'));
+    dir.Write("b.pgm", "P5 2 2 255\n\x01\x02\x03\x04");
+    dir.Write("c.bmp", FlatBmp(330, 10, 77));
+    dir.Write("notes.txt", "ignored");
+    Scanner s(Env{{"KR7SIM_SCENARIO", "replay " + dir.path + " 3f as=raw; replay " + dir.path}});
+    FTRHANDLE h = s.Open();
+    std::vector<Frame> f(5);
+    for (Frame& frame : f)
+        ASSERT_EQ(s.Grab(h, frame), 0u);
+    // Raw frames come as they are, centred, with a black border.
+    EXPECT_EQ(f[0][0] + f[0][90 * kW + 60], 0);  // corner; first row of the image
+    EXPECT_EQ(f[0][389 * kW + 259], 255);        // its last row
+    EXPECT_EQ(f[1][239 * kW + 159] * 10 + f[1][240 * kW + 160], 14);
+    EXPECT_EQ(f[2][235 * kW + 0], 77);
+    EXPECT_EQ(f[2][230 * kW + 0], 0);
+    // A platen replay passes the optics: dark at the top after flip and invert.
+    const Frame view = FlipInvert(f[3]);
+    EXPECT_LT(Mean(Frame(&view[120 * kW], &view[220 * kW])) + 80,
+              Mean(Frame(&view[260 * kW], &view[360 * kW])));
+    EXPECT_TRUE(s.ftrScanIsFingerPresent(h, nullptr));   // frame 5, the last of the replay
+    EXPECT_FALSE(s.ftrScanIsFingerPresent(h, nullptr));  // the script is over
+}
+
+TEST(ScannerDeterminism, SameSeedSameBytesAcrossLoads) {
+    auto take = [](const char* seed) {
+        Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"}, {"KR7SIM_SEED", seed}});
+        FTRHANDLE h = s.Open();
+        std::vector<Frame> frames(3);
+        for (Frame& f : frames)
+            EXPECT_EQ(s.Grab(h, f), 0u);
+        return frames;
+    };
+    const std::vector<Frame> first = take("3");
+    EXPECT_TRUE(take("3") == first);
+    EXPECT_FALSE(take("4") == first);
+    EXPECT_FALSE(first[0] == first[1]);  // fresh noise in every frame
+}
+
+}  // namespace
+}  // namespace scantest
