@@ -60,14 +60,14 @@ const char* EntryName(Entry entry) {
     return i >= 0 && i < static_cast<int>(Entry::Count) ? kNames[i] : "?";
 }
 
-bool FaultPlan::Parse(const std::string& spec, std::string& error) {
+bool FaultPlan::Parse(const std::string& text, std::string& error) {
     std::vector<Rule> rules;
     size_t pos = 0;
-    while (pos <= spec.size()) {
-        size_t end = spec.find_first_of(";,", pos);
+    while (pos <= text.size()) {
+        size_t end = text.find_first_of(";,", pos);
         if (end == std::string::npos)
-            end = spec.size();
-        const std::string item = Trim(spec.substr(pos, end - pos));
+            end = text.size();
+        const std::string item = Trim(text.substr(pos, end - pos));
         pos = end + 1;
         if (item.empty())
             continue;

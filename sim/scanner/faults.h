@@ -52,9 +52,9 @@ const char* EntryName(Entry entry);
 // over the life of the process.
 class FaultPlan {
 public:
-    // Replaces the rules. False and a message for a malformed spec (the
+    // Replaces the rules. False and a message for a malformed rule list (the
     // previous rules stay).
-    bool Parse(const std::string& spec, std::string& error);
+    bool Parse(const std::string& text, std::string& error);
 
     // Counts one call of `entry`; the code it must fail with, 0 for none.
     uint32_t OnCall(Entry entry);

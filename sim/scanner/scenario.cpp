@@ -241,10 +241,10 @@ private:
         now_ = s.end;
         segments_.push_back(s);
     }
-    int NewFinger(FingerSpec spec) {
-        spec.params.touch_frame = now_;
-        spec.params.impression = static_cast<uint32_t>(fingers_.size());
-        fingers_.push_back(spec);
+    int NewFinger(FingerSpec finger) {
+        finger.params.touch_frame = now_;
+        finger.params.impression = static_cast<uint32_t>(fingers_.size());
+        fingers_.push_back(finger);
         return int(fingers_.size()) - 1;
     }
 
