@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "channel/channel.h"
@@ -292,23 +293,19 @@ private:
 // width of 0 leaves the output empty.
 class ScriptedDetection : public vc::ClImageDetection {
 public:
-    struct Answer {
-        bool result;
-        unsigned char fill;
-        long width;
-    };
+    using Answer = std::tuple<bool, unsigned char, long>;
     ScriptedDetection(vc::eCaptureModeIDs type, std::deque<Answer> answers)
         : m_eType(type), m_Answers(std::move(answers)) {}
     bool Detect(ClSimpleBitmap&, ClSimpleBitmap& output) override {
         if (m_Answers.empty()) {
             return false;
         }
-        const Answer answer = m_Answers.front();
+        const auto [result, fill, width] = m_Answers.front();
         m_Answers.pop_front();
-        if (answer.width > 0) {
-            MakeFrame(output, answer.width, 40, answer.fill);
+        if (width > 0) {
+            MakeFrame(output, width, 40, fill);
         }
-        return answer.result;
+        return result;
     }
     vc::eCaptureModeIDs Type() const override { return m_eType; }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <numeric>
+#include <tuple>
 
 #include "calibration/norvakcalibratesdk.h"
 #include "common/optics.h"
@@ -195,13 +196,11 @@ TEST(CalibrateSdk, GridComesBackWithinOnePixel) {
                 }
                 return offset;
             };
-            EXPECT_LT(
-                worst(width, o.marginX, h, o.marginY, [&](int a, int b) { return out[b * w + a]; }),
-                1.0)
-                << seed << " " << width;
-            EXPECT_LT(
-                worst(480, o.marginY, w, o.marginX, [&](int a, int b) { return out[a * w + b]; }),
-                1.0)
+            auto column = [&](int a, int b) { return out[b * w + a]; };
+            auto row = [&](int a, int b) { return out[a * w + b]; };
+            EXPECT_LT(std::max(worst(width, o.marginX, h, o.marginY, column),
+                               worst(480, o.marginY, w, o.marginX, row)),
+                      1.0)
                 << seed << " " << width;
         }
     }
@@ -213,13 +212,11 @@ TEST(CalibrateSdk, EmptyPlatenIsBrightFlatAndCleanAndSmudgesAreMeasured) {
         const Bytes frame = unit.Frame(Bytes(std::size_t(640) * 480, unit.optics.flatLevel), true);
         const Bytes out = unit.Correct(frame);
         const int w = unit.optics.OutputWidth(), h = unit.optics.OutputHeight();
-        double total = 0, lowest_row = 255;
-        for (int v = 0; v < h; ++v) {
-            const double row = std::accumulate(&out[v * w], &out[v * w] + w, 0.0);
-            total += row;
-            lowest_row = std::min(lowest_row, row / w);
-        }
-        EXPECT_NEAR(total / (double(w) * h), 248.0, 1.0);
+        double lowest_row = 255;
+        for (int v = 0; v < h; ++v)
+            lowest_row =
+                std::min(lowest_row, std::accumulate(&out[v * w], &out[v * w] + w, 0.0) / w);
+        EXPECT_NEAR(std::accumulate(out.begin(), out.end(), 0.0) / (double(w) * h), 248.0, 1.0);
         EXPECT_GT(lowest_row, 243.0);
         EXPECT_EQ(unit.Contamination(frame), 0.0);
     }
@@ -257,16 +254,13 @@ TEST(CalibrateSdk, RejectsBadDataAndFramesWithoutReadingPastThem) {
         EXPECT_EQ(sdk.Calibrate(h, dib, n, nullptr, &size), -23) << n;
         EXPECT_EQ(sdk.ContaminationDetection(h, dib, n, &result), -23) << n;
     }
-    const struct {
-        int offset;
-        std::uint32_t value;
-        std::int32_t code;
-    } cases[] = {{14, 0x180001, -20}, {16, 1, -20},    {32, 257, -20},
-                 {4, 321, -22},       {8, ~479u, -22}, {0, 0x7FFFFFFF, -23}};
-    for (const auto& c : cases) {
+    const std::tuple<int, std::uint32_t, std::int32_t> cases[] = {
+        {14, 0x180001, -20}, {16, 1, -20},    {32, 257, -20},
+        {4, 321, -22},       {8, ~479u, -22}, {0, 0x7FFFFFFF, -23}};
+    for (auto [offset, value, code] : cases) {
         Bytes bad = good;
-        std::memcpy(&bad[c.offset], &c.value, 4);
-        EXPECT_EQ(sdk.Calibrate(h, Dib(bad), unsigned(bad.size()), nullptr, &size), c.code);
+        std::memcpy(&bad[offset], &value, 4);
+        EXPECT_EQ(sdk.Calibrate(h, Dib(bad), unsigned(bad.size()), nullptr, &size), code);
     }
     Bytes in = good, out(1064 + Stride(unit.optics.OutputWidth()) * unit.optics.OutputHeight());
     size = unsigned(out.size() - 1);
