@@ -409,12 +409,17 @@ uint32_t Unit::GetExtMemorySize(uint64_t epoch, int& size) {
     return 0;
 }
 
+// A transfer of `count` bytes at `offset` that stays inside the memory.
+bool Unit::ExtRangeValid(const void* data, int offset, int count) const {
+    return offset >= 0 && count >= 0 && size_t(offset) + size_t(count) <= ext_.size() &&
+           (data != nullptr || count == 0);
+}
+
 uint32_t Unit::WriteExtMemory(uint64_t epoch, const uint8_t* data, int offset, int count) {
     Lock lock(mutex_);
     if (const uint32_t e = Reach(epoch))
         return e;
-    if (offset < 0 || count < 0 || size_t(offset) + size_t(count) > ext_.size() ||
-        (data == nullptr && count > 0))
+    if (!ExtRangeValid(data, offset, count))
         return FTR_ERROR_INVALID_PARAMETER;
     if (count > 0)
         std::memcpy(ext_.data() + offset, data, size_t(count));
@@ -425,8 +430,7 @@ uint32_t Unit::ReadExtMemory(uint64_t epoch, uint8_t* data, int offset, int coun
     Lock lock(mutex_);
     if (const uint32_t e = Reach(epoch))
         return e;
-    if (offset < 0 || count < 0 || size_t(offset) + size_t(count) > ext_.size() ||
-        (data == nullptr && count > 0))
+    if (!ExtRangeValid(data, offset, count))
         return FTR_ERROR_INVALID_PARAMETER;
     if (count > 0)
         std::memcpy(data, ext_.data() + offset, size_t(count));

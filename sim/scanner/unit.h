@@ -89,6 +89,8 @@ public:
     uint32_t GetVersion(uint64_t epoch, FTRSCAN_VERSION_INFO& info);
 
 private:
+    // Caller holds mutex_.
+    bool ExtRangeValid(const void* data, int offset, int count) const;
     struct Geometry {
         Optics optics;
         double empty_level = 0;  // signal of the empty platen at the nominal dose

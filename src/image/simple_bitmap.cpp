@@ -159,6 +159,14 @@ void ClSimpleBitmap::FillBI(tagBITMAPINFOHEADER* header, long width, long height
 }
 
 void ClSimpleBitmap::Copy(const tagBITMAPINFOHEADER* header) {
+    CopyBlock(header, true);
+}
+
+void ClSimpleBitmap::CopyFormat(const tagBITMAPINFOHEADER* header) {
+    CopyBlock(header, false);
+}
+
+void ClSimpleBitmap::CopyBlock(const tagBITMAPINFOHEADER* header, bool withPixels) {
     if (header == nullptr) {
         Clear();
         return;
@@ -171,10 +179,12 @@ void ClSimpleBitmap::Copy(const tagBITMAPINFOHEADER* header) {
     if (header == m_pBitmap) {
         return;
     }
+    const auto bytes = static_cast<std::size_t>(withPixels ? layout.fullSize
+                                                           : layout.fullSize - layout.pixelBytes);
     if (FullSize() == layout.fullSize) {
         // Same size: overwrite in place (memmove: the source may lie inside
         // the own block).
-        std::memmove(m_pBitmap, header, static_cast<std::size_t>(layout.fullSize));
+        std::memmove(m_pBitmap, header, bytes);
         return;
     }
     unsigned char* block = AllocateBlock(layout.fullSize);
@@ -182,37 +192,9 @@ void ClSimpleBitmap::Copy(const tagBITMAPINFOHEADER* header) {
         Clear();
         throw CXMemoryAllocException();
     }
-    std::memcpy(block, header, static_cast<std::size_t>(layout.fullSize));
+    std::memcpy(block, header, bytes);
     Clear();
     m_pBitmap = reinterpret_cast<tagBITMAPINFOHEADER*>(block);
-}
-
-void ClSimpleBitmap::CopyFormat(const tagBITMAPINFOHEADER* header) {
-    if (header == nullptr) {
-        Clear();
-        return;
-    }
-    bitmap::Layout layout;
-    if (!bitmap::GetLayout(*header, layout)) {
-        Clear();
-        throw CXMemoryAllocException();
-    }
-    if (header == m_pBitmap) {
-        return;
-    }
-    const std::int64_t formatBytes = layout.fullSize - layout.pixelBytes;
-    if (FullSize() != layout.fullSize) {
-        unsigned char* block = AllocateBlock(layout.fullSize);
-        if (block == nullptr) {
-            Clear();
-            throw CXMemoryAllocException();
-        }
-        std::memcpy(block, header, static_cast<std::size_t>(formatBytes));
-        Clear();
-        m_pBitmap = reinterpret_cast<tagBITMAPINFOHEADER*>(block);
-        return;
-    }
-    std::memmove(m_pBitmap, header, static_cast<std::size_t>(formatBytes));
 }
 
 void ClSimpleBitmap::Attach(tagBITMAPINFOHEADER* header) {

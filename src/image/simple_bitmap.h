@@ -145,6 +145,9 @@ public:
     void Save(const std::string& path) const { Save(path.c_str()); }
 
 private:
+    // Copy (withPixels) and CopyFormat: the block of `header`, or only its
+    // header and colour table, into a block of the same full size.
+    void CopyBlock(const tagBITMAPINFOHEADER* header, bool withPixels);
     // The three channel masks in reading order (first, second, third).
     void Masks(std::uint32_t masks[3]) const;
 
