@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "calibration/calibration_header.h"
-#include "calibration/norvakcalibratesdk.h"
+#include "closed/ftrscan.h"
+#include "closed/norvakcalibratesdk.h"
 #include "detection/image_detection.h"
 #include "image/simple_bitmap.h"
-#include "scanner/ftrscan.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "scanner/ftrscan.h"
+#include "closed/ftrscan.h"
 
 namespace {
 

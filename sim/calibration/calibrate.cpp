@@ -11,7 +11,7 @@
 #include <new>
 #include <vector>
 
-#include "calibration/norvakcalibratesdk.h"
+#include "closed/norvakcalibratesdk.h"
 #include "common/optics.h"
 
 namespace {

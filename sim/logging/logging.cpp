@@ -16,7 +16,7 @@
 #include <mutex>
 #include <string>
 
-#include "logging/norvaklf.h"
+#include "closed/norvaklf.h"
 
 namespace {
 

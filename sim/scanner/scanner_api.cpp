@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "closed/ftrscan.h"
 #include "scanner/config.h"
-#include "scanner/ftrscan.h"
 
 namespace kr7sim {
 namespace scanner {

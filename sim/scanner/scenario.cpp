@@ -11,7 +11,7 @@
 #include <cstring>
 #include <map>
 
-#include "scanner/ftrscan.h"
+#include "closed/ftrscan.h"
 
 namespace kr7sim {
 namespace scanner {

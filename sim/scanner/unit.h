@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "closed/ftrscan.h"
 #include "common/optics.h"
 #include "print/scan_engine.h"
-#include "scanner/ftrscan.h"
 #include "scanner/scenario.h"
 
 namespace kr7sim {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 namespace Nvk {
 namespace {

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <fstream>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 namespace Nvk {
 namespace file {

@@ -318,40 +318,55 @@ ClFrameGrabberChannel::eOutcome ClFrameGrabberChannel::Guarded(Step&& step, bool
     }
 }
 
-// One pass over the device under its lock: set the channel up when needed,
-// take a frame the way the capture mode asks for and deliver it.
+// One pass: under the device lock, set the channel up when needed and take
+// a frame the way the capture mode asks for; then, with the lock released,
+// hand it to the host. No host callback runs under the device lock, so a
+// host may call into the plug-in from its callbacks.
 void ClFrameGrabberChannel::CapturePass(ClFramegrabberSDK& sdk,
                                         Nvk::utilities::ClSimpleBitmap& frame) {
-    UnderDeviceLock(sdk, [&] { CaptureFrame(sdk, frame); });
+    eDelivery delivery = eDelivery::None;
+    UnderDeviceLock(sdk, [&] { delivery = CaptureFrame(sdk, frame); });
+    switch (delivery) {
+        case eDelivery::None:
+            break;
+        case eDelivery::Detected:
+            // The device has done the detection; no running check on this path.
+            SendBitmapToClient(frame, false);
+            break;
+        case eDelivery::Triggered:
+            if (m_bRunning) {
+                SendBitmapToClient(frame, true);
+            }
+            m_bTriggerRequested = false;
+            break;
+        case eDelivery::Live:
+            if (m_bRunning) {
+                SendBitmapToClient(frame, true);
+            }
+            break;
+    }
 }
 
-// The body of a pass; the device lock is held.
-void ClFrameGrabberChannel::CaptureFrame(ClFramegrabberSDK& sdk,
-                                         Nvk::utilities::ClSimpleBitmap& frame) {
+// The device part of a pass; the device lock is held.
+ClFrameGrabberChannel::eDelivery ClFrameGrabberChannel::CaptureFrame(
+    ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame) {
     if (sdk.IsDirty(*this) || frame.Empty()) {
         sdk.SetActiveChannel(*this, frame);
         sdk.StartLiveCapturing(*this);
     }
     const eCaptureModeIDs type = GetCaptureMode();
     if (type == eCapturePlainFinger && sdk.HasSelfDetection(*this)) {
-        // The device has done the detection; no running check on this path.
-        if (sdk.WaitForPlainFinger(*this, frame)) {
-            SendBitmapToClient(frame, false);
-        }
-    } else if (type == eCapturePreview) {
-        if (m_bTriggerRequested) {
-            sdk.TriggerImage(*this, frame);
-            if (m_bRunning) {
-                SendBitmapToClient(frame, true);
-            }
-            m_bTriggerRequested = false;
-        }
-    } else {
-        sdk.GetLiveBitmap(*this, frame);
-        if (m_bRunning) {
-            SendBitmapToClient(frame, true);
-        }
+        return sdk.WaitForPlainFinger(*this, frame) ? eDelivery::Detected : eDelivery::None;
     }
+    if (type == eCapturePreview) {
+        if (!m_bTriggerRequested) {
+            return eDelivery::None;
+        }
+        sdk.TriggerImage(*this, frame);
+        return eDelivery::Triggered;
+    }
+    sdk.GetLiveBitmap(*this, frame);
+    return eDelivery::Live;
 }
 
 void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
@@ -364,8 +379,8 @@ void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
     UnderDeviceLock(*sdk, [&] {
         sdk->StopLiveCapturing(*this);
         sdk->UninitializeSDK(*this);
-        m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
     });
+    m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
 }
 
 unsigned int ClFrameGrabberChannel::Work() {

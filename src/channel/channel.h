@@ -19,11 +19,11 @@
 #include <stdexcept>
 #include <vector>
 
+#include "base/camera.h"
+#include "base/errors.h"
+#include "base/framegrabber.h"
 #include "channel/framegrabber_sdk.h"
 #include "channel/worker_thread.h"
-#include "framegrabber/capabilities.h"
-#include "framegrabber/errors.h"
-#include "framegrabber/framegrabber.h"
 #include "image/image_processor.h"
 #include "image/simple_bitmap.h"
 
@@ -186,12 +186,15 @@ protected:
 
 private:
     enum class eOutcome { Done, Warned, Failed };
+    // What a pass over the device took: nothing, a frame the device itself
+    // found a finger on, a triggered frame or a live frame.
+    enum class eDelivery { None, Detected, Triggered, Live };
 
     template <class Step>
     eOutcome Guarded(Step&& step, bool warningsGoOn);
     void ReportError(const Nvk::ClNorvakException& error);
     void CapturePass(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
-    void CaptureFrame(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
+    eDelivery CaptureFrame(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
     void StopSequence(ClFramegrabberSDK* sdk, Nvk::utilities::ClSimpleBitmap& frame);
     void Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect, eCaptureModeIDs type);
     void CopySettings(const ClFrameGrabberChannel& other);

@@ -77,12 +77,6 @@ bool ClPlainFingerDetection::Detect(ClSimpleBitmap& input, ClSimpleBitmap& outpu
 // ---------------------------------------------------------------------------
 // Fast plain finger
 
-void ClFastPlainFingerDetection::InitializeGray(const ClSimpleBitmap& image) {
-    if (m_nReferenceGraySum < 1) {
-        m_nReferenceGraySum = static_cast<std::int32_t>(ClBitmapUtilities::Gray_Sum(image));
-    }
-}
-
 void ClFastPlainFingerDetection::Initialize(const ClSimpleBitmap& image) {
     if (!m_bInitialized) {
         m_nBestGraySum = m_nReferenceGraySum;
@@ -96,7 +90,6 @@ bool ClFastPlainFingerDetection::IsFinger(const ClSimpleBitmap& image) const {
 }
 
 void ClFastPlainFingerDetection::Reset() {
-    m_bFlag = 0;
     m_nImprovementCount = 0;
     m_nBestGraySum = m_nReferenceGraySum;
 }

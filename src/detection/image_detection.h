@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "framegrabber/framegrabber.h"
+#include "base/framegrabber.h"
 #include "image/simple_bitmap.h"
 
 namespace vc {
@@ -85,8 +85,6 @@ public:
 
     // Takes the best image and best sum from the reference, once.
     void Initialize(const Nvk::utilities::ClSimpleBitmap& image);
-    // Sets the reference gray sum while it is still unset (below 1).
-    void InitializeGray(const Nvk::utilities::ClSimpleBitmap& image);
     // Whole-image average of 241 or darker.
     bool IsFinger(const Nvk::utilities::ClSimpleBitmap& image) const;
     // Ends a placement: the next finger must beat the reference again.
@@ -99,7 +97,6 @@ public:
 
 private:
     std::int32_t m_nReferenceGraySum = -1;
-    unsigned char m_bFlag = 0;
     bool m_bInitialized = false;
     std::int32_t m_nImprovementCount = 0;
     std::int32_t m_nBestGraySum = 0;

@@ -52,16 +52,6 @@ void ClRolledFingerVC1::Reset() {
     m_nThreshold = m_nResetThreshold;
 }
 
-void ClRolledFingerVC1::Initialize(const ClSimpleBitmap& image) {
-    if (m_bInitialized) {
-        return;
-    }
-    m_nReferenceGray = static_cast<std::int32_t>(ClBitmapUtilities::Gray_Avarage(image));
-    if (m_nReferenceGray > 220) {
-        TakeBackground(image);
-    }
-}
-
 void ClRolledFingerVC1::TakeBackground(const ClSimpleBitmap& image) {
     const detail::FrameView view = detail::View(image);
     detail::ColumnSums(view, m_vFrameSums);

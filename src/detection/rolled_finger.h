@@ -24,8 +24,6 @@ public:
     eCaptureModeIDs Type() const override { return eCaptureRolledFinger; }
     virtual ClRolledFingerVC1* clone() const;
 
-    // Takes a bright frame (average above 220) as background, once.
-    void Initialize(const Nvk::utilities::ClSimpleBitmap& image);
     // Back to waiting for a background; the composed image stays until then.
     void Reset();
 
@@ -51,7 +49,6 @@ private:
                  Nvk::utilities::ClSimpleBitmap& output);
 
     std::int32_t m_nResetThreshold = 255;
-    std::int32_t m_nConstant = 5;
     bool m_bInitialized = false;
     bool m_bRolling = false;
     std::int32_t m_nThreshold = 255;
@@ -123,7 +120,6 @@ public:
     const Nvk::utilities::ClSimpleBitmap& Composed() const { return m_Composed; }
 
 private:
-    unsigned char m_bReserved = 1;
     bool m_bInitialized = false;
     bool m_bRolling = false;
     std::int32_t m_nLeftReference = 0;

@@ -1,11 +1,11 @@
 // What a frame grabber offers: the identifier lists the host can query and
-// the per-camera parameter records.
+// the checks run against them.
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
-#include "framegrabber/framegrabber.h"
+#include "base/framegrabber.h"
 
 namespace vc {
 
@@ -74,30 +74,6 @@ protected:
     std::vector<ePropertyIDs> m_vProperties;
     std::vector<ePropertyIDs> m_vPropertiesEx;
     std::vector<std::uint32_t> m_vReserved;  // no operation fills or reads it
-};
-
-// Image parameters of one camera type.
-class ClVCCamera : public ClImageResolution {
-public:
-    ClVCCamera() = default;
-    ClVCCamera(const ClVCCamera&) = default;
-    ClVCCamera& operator=(const ClVCCamera&) = default;
-
-    // A default record filled for `id`.
-    static ClVCCamera Create(eCameraIDs id);
-    // Fills `camera` from the parameter table. The KR7 (8) has no row, since
-    // its size and resolution come from the scanner itself; 0 and values
-    // above 9 are ignored.
-    static void SetCameraParam(ClVCCamera& camera, eCameraIDs id);
-
-    eCameraIDs m_eCameraID = static_cast<eCameraIDs>(0);
-    std::uint32_t m_nModeFlag = 0;
-    std::uint32_t m_nRate = 0;
-    std::uint32_t m_nReserved = 0;
-    std::uint32_t m_nWidth = 0;
-    std::uint32_t m_nHeight = 0;
-    bool m_bFlip1 = false;
-    bool m_bFlip2 = false;
 };
 
 }  // namespace vc

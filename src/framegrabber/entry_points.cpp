@@ -1,7 +1,7 @@
 // Symbols the host resolves after loading the plug-in.
 #include <string>
 
-#include "framegrabber/framegrabber.h"
+#include "base/framegrabber.h"
 
 #define KR7_EXPORT __attribute__((visibility("default")))
 

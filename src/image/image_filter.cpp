@@ -3,8 +3,8 @@
 #include <cstring>
 #include <new>
 
-#include "framegrabber/errors.h"
-#include "framegrabber/framegrabber.h"
+#include "base/errors.h"
+#include "base/framegrabber.h"
 
 using Nvk::utilities::ClSimpleBitmap;
 

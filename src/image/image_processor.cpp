@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 using Nvk::utilities::ClSimpleBitmap;
 

@@ -4,7 +4,7 @@
 
 #include <list>
 
-#include "framegrabber/framegrabber.h"
+#include "base/framegrabber.h"
 #include "image/image_filter.h"
 #include "image/simple_bitmap.h"
 

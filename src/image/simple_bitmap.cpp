@@ -7,8 +7,8 @@
 #include <limits>
 #include <new>
 
-#include "framegrabber/errors.h"
-#include "framegrabber/framegrabber.h"
+#include "base/errors.h"
+#include "base/framegrabber.h"
 
 namespace Nvk {
 namespace utilities {
@@ -220,13 +220,12 @@ void ClSimpleBitmap::Swap(ClSimpleBitmap& other) noexcept {
 }
 
 long ClSimpleBitmap::BPRow(long width, unsigned int bitCount) {
-    long bits = 0;
-    if (__builtin_mul_overflow(width, static_cast<long>(bitCount), &bits) ||
-        bits > std::numeric_limits<long>::max() - 7) {
-        return -1;  // beyond any block
+    // A header's width is 32 bits; anything wider describes no block.
+    if (width < std::numeric_limits<std::int32_t>::min() ||
+        width > std::numeric_limits<std::int32_t>::max()) {
+        return -1;
     }
-    const long bytes = (bits + 7) / 8 + 3;
-    return bytes - bytes % 4;
+    return static_cast<long>(bitmap::RowBytes(static_cast<std::int32_t>(width), bitCount));
 }
 
 long ClSimpleBitmap::BPRow() const {

@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 namespace Nvk {
 

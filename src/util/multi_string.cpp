@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 namespace Nvk {
 

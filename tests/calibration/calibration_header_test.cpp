@@ -11,8 +11,8 @@
 #include <numeric>
 #include <string>
 
+#include "base/errors.h"
 #include "calibration/read_binary.h"
-#include "framegrabber/errors.h"
 
 namespace {
 

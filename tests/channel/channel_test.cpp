@@ -25,6 +25,7 @@ protected:
     void TearDown() override {
         channel.StopCapture();
         EXPECT_TRUE(sdk.LockBalanced());
+        EXPECT_FALSE(host.CalledUnderDeviceLock());
     }
 };
 

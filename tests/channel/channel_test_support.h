@@ -120,6 +120,7 @@ public:
     // A Lock while locked or an UnLock while unlocked shows as a depth
     // outside 0..1 at some point; the lock must end released.
     bool LockBalanced() const { return !m_bLockMisused && m_nLockDepth == 0; }
+    bool Locked() const { return m_nLockDepth.load() > 0; }
 
     using Channel = vc::ClFrameGrabberChannel;
     void InitializeSDK(Channel& c) override { Play(Op::InitializeSDK, &c); }
@@ -265,6 +266,7 @@ public:
         return kinds;
     }
     int Count(Event::Kind kind) const { return static_cast<int>(Events(kind).size()); }
+    bool CalledUnderDeviceLock() const { return m_bCalledUnderLock.load(); }
     bool WaitFor(Event::Kind kind, int n) const {
         return Eventually([&] { return Count(kind) >= n; });
     }
@@ -280,6 +282,12 @@ private:
                         header->biWidth / 2];
         }
         Host& self = *static_cast<Host*>(user);
+        // The host may call back into the plug-in: never under the device lock.
+        const auto* sdk =
+            dynamic_cast<const ScriptedSDK*>(vc::ClFrameGrabberChannel::m_pFramegrabberSDK.load());
+        if (sdk != nullptr && sdk->Locked()) {
+            self.m_bCalledUnderLock = true;
+        }
         std::lock_guard<std::mutex> lock(self.m_Mutex);
         self.m_Events.push_back(
             {kind, h, t, result, text ? text : "(null)", middle, user, std::this_thread::get_id()});
@@ -287,6 +295,7 @@ private:
 
     mutable std::mutex m_Mutex;
     std::vector<Event> m_Events;
+    std::atomic<bool> m_bCalledUnderLock{false};
 };
 
 // Each Detect takes the next (result, output fill, output width) answer; a

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 using Nvk::utilities::ClSimpleBitmap;
 using Bytes = std::vector<unsigned char>;

@@ -10,7 +10,7 @@
 #include <iterator>
 #include <vector>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 using Nvk::utilities::ClSimpleBitmap;
 

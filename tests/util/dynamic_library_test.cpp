@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "framegrabber/errors.h"
+#include "base/errors.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <numeric>
 #include <tuple>
 
-#include "calibration/norvakcalibratesdk.h"
+#include "closed/norvakcalibratesdk.h"
 #include "common/optics.h"
 #include "print/rng.h"
 

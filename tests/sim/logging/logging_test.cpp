@@ -9,7 +9,7 @@
 #include <regex>
 #include <thread>
 
-#include "logging/norvaklf.h"
+#include "closed/norvaklf.h"
 
 namespace {
 

@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "calibration/calibration_header.h"
-#include "calibration/norvakcalibratesdk.h"
+#include "closed/ftrscan.h"
+#include "closed/norvakcalibratesdk.h"
 #include "common/optics.h"
-#include "scanner/ftrscan.h"
 
 namespace scantest {
 namespace {

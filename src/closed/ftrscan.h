@@ -1,4 +1,6 @@
-/* C interface of the scanner API stand-in, libQV2ScanAPI.so.
+/* C interface of the scanner API, libQV2ScanAPI.so. The plug-in resolves
+ * these entries by name at run time and never links the library; the
+ * stand-in under sim/scanner defines them from this same declaration.
  *
  * Binary-compatible with the closed scanner library on Linux x86-64: plain C
  * functions, default calling convention, byte-packed structures. BOOL results

@@ -1,6 +1,8 @@
-/* C interface of the logging library stand-in, libnorvaklf.so.
+/* C interface of the logging library, libnorvaklf.so. The plug-in resolves
+ * these entries by name at run time and never links the library; the
+ * stand-in under sim/logging defines them from this same declaration.
  *
- * Output goes to standard error, or to the file named by KR7_LOG_FILE; only
+ * The stand-in's output goes to standard error, or to the file named by KR7_LOG_FILE; only
  * messages whose level is at or below KR7_LOG_LEVEL are written (see
  * README.md). Both variables are read once, at the first message. Every call
  * is thread-safe; each message is written as one whole line. */

@@ -1,4 +1,4 @@
-#include "framegrabber/capabilities.h"
+#include "base/camera.h"
 
 namespace vc {
 

@@ -1,4 +1,7 @@
-/* C interface of the calibration library stand-in, libnorvakcalibratesdk.so.
+/* C interface of the calibration library, libnorvakcalibratesdk.so. The
+ * plug-in resolves these entries by name at run time and never links the
+ * library; the stand-in under sim/calibration defines them from this same
+ * declaration.
  *
  * Images are packed 8-bit DIBs: a 40-byte BITMAPINFOHEADER, the colour table
  * (biClrUsed entries, or 256 when it is 0) and the rows, each padded to a

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "framegrabber/framegrabber.h"
+#include "base/framegrabber.h"
 
 namespace {
 

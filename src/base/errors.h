@@ -2,6 +2,7 @@
 // the (number, text) pair reported to the host.
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <string>
 
@@ -38,11 +39,9 @@ public:
     const char* GetDescription() const override { return "memory allocation failed"; }
 };
 
-// Text plus number, for loader and calibration-header failures. The text is
-// kept in a fixed 1024-character buffer filled by a bounded copy: a text of
-// 1024 characters or more is stored cut and without a terminating zero. A
-// hidden zero byte right after the buffer keeps every reader of the
-// description inside the object all the same.
+// Text plus number, for loader and calibration-header failures. At most
+// kTextSize characters of the text are kept; a longer text is cut there, and
+// the array has room for the terminating zero after a text of full length.
 class CXOtherException : public CXException {
 public:
     static constexpr std::size_t kTextSize = 1024;
@@ -52,8 +51,7 @@ public:
     virtual int GetErrorNumber() const { return m_nErrorNumber; }
 
 private:
-    char m_szText[kTextSize];
-    [[maybe_unused]] char m_cGuard = '\0';  // never written: the stop for a cut text
+    char m_szText[kTextSize + 1];
     int m_nErrorNumber;
 };
 
@@ -149,34 +147,5 @@ constexpr const char* kApiVersionText = "The QV2 API version isn't more supporte
 constexpr int kNoStorage = 51;
 constexpr const char* kNoStorageText = "Not enough storage is available to complete this operation";
 }  // namespace err
-
-// The (number, text) pair a caught exception becomes.
-struct FGError {
-    int number = 0;
-    std::string text;
-};
-
-// Which handlers a guarded call runs: all three, or only the family and
-// standard handlers (the list copies never raise ClVCException, so there a
-// ClVCException is treated like any other family member).
-enum class eHandlers { All, FamilyAndStd };
-
-// Translation of the exception currently being handled, for use inside a
-// catch block; rethrows anything that is not a std::exception.
-FGError TranslateCurrentException(eHandlers handlers = eHandlers::All);
-
-// Runs `call`; returns true when it completed, otherwise stores the
-// translated error in `error` and returns false. Objects outside the
-// standard exception family are not caught.
-template <class Call>
-bool GuardedCall(Call&& call, FGError& error, eHandlers handlers = eHandlers::All) {
-    try {
-        call();
-        return true;
-    } catch (const std::exception&) {
-        error = TranslateCurrentException(handlers);
-        return false;
-    }
-}
 
 }  // namespace vc

@@ -1,21 +1,4 @@
-#include "framegrabber/errors.h"
-
-#include <cstring>
-
-namespace Nvk {
-
-const char* CXSystemException::GetDescription() const {
-    return std::strerror(m_nErrorNumber);
-}
-
-CXOtherException::CXOtherException(const char* text, int errorNumber)
-    : m_nErrorNumber(errorNumber) {
-    // strncpy pads with zeros and leaves no terminator when the text fills
-    // the whole buffer; m_cGuard stops readers in that case.
-    std::strncpy(m_szText, text ? text : "", kTextSize);
-}
-
-}  // namespace Nvk
+#include "framegrabber/error_translation.h"
 
 namespace vc {
 
