@@ -41,6 +41,16 @@ typedef struct NvkLFResult {
     int32_t length; /* bytes written, line end included */
 } NvkLFResult;
 
+/* Events the library reports to a registered callback. The data block of an
+ * event holds a zero-terminated log file name at byte 256 and the 16-bit
+ * level at byte 768. */
+typedef enum NvkLFCBEvents {
+    NvkLFCBEnable = 0,
+    NvkLFCBDisable = 1,
+    NvkLFCBFlush = 2,
+    NvkLFCBLevel = 3
+} NvkLFCBEvents;
+
 /* Formats a printf-style message and writes it as one line:
  *   "YYYY-MM-DD HH:MM:SS.uuuuuu [tid N] LEVEL: message" */
 NVK_LF_API NvkLFResult NvkLFLog(NvkLFLogLevels level, const char* format, ...) NVK_LF_PRINTF(2, 3);
