@@ -32,6 +32,9 @@ public:
     // Frees the buffer.
     void Empty();
 
+    // The packed list (Length() + 1 bytes), or null while empty.
+    const char* Data() const { return m_pBuffer; }
+
     // Hands the buffer to the caller, who frees it with delete[].
     char* Detach();
 

@@ -1,0 +1,213 @@
+// One live frame of the device SDK (GetLiveBitmap) against the scanner API
+// and calibration stand-ins, the platen empty, split into its steps:
+// - BM_Capture: the scanner's GetImageByDose into the raw frame;
+// - BM_PrepareImage: the frame turned upside down and inverted;
+// - BM_Calibration: the calibration library's CalibrateBitmap;
+// - BM_GetLiveBitmap: the whole call, device lock included.
+//
+// Every benchmark times its step alone (manual time) and reports
+// - x_memcpy: the step's mean time over that of a memcpy of the raw frame
+//   block, timed in the same iterations;
+// - allocs_per_frame: heap allocations of the whole program per step,
+//   counted by the replaced global operator new below. The stand-ins take
+//   their operator new from this program too, so BM_Capture shows the
+//   scanner stand-in's own share, which GetLiveBitmap includes.
+//
+// The stand-ins are preloaded from their build paths; the SDK then opens
+// them by their bare names and is given the same libraries (same soname).
+// The scanner runs as fast as it can (KR7SIM_REALTIME unset).
+
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "channel/channel.h"
+#include "device/calibration_binding.h"
+#include "device/norvak_kr7_sdk.h"
+
+namespace {
+
+std::atomic<unsigned long long> g_nAllocations{0};
+
+void* CountedAlloc(std::size_t size) {
+    g_nAllocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+// Out of line, so that the compiler does not pair the free with the
+// operator new it sees inlined at a call site.
+[[gnu::noinline]] void CountedFree(void* p) noexcept {
+    std::free(p);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    if (void* p = CountedAlloc(size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) {
+    if (void* p = CountedAlloc(size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return CountedAlloc(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return CountedAlloc(size);
+}
+void operator delete(void* p) noexcept {
+    CountedFree(p);
+}
+void operator delete[](void* p) noexcept {
+    CountedFree(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    CountedFree(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    CountedFree(p);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+    CountedFree(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+    CountedFree(p);
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Nvk::utilities::ClSimpleBitmap;
+
+// The SDK with an activated channel, a raw frame of the scanner's size and
+// a block for its calibrated image; built once, at the first benchmark.
+struct Device {
+    Device() {
+        for (const char* path : {KR7_SCANNER_PATH, KR7_CALIBRATE_PATH}) {
+            if (dlopen(path, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
+                throw std::runtime_error(dlerror());
+            }
+        }
+        // Read by the scanner stand-in at its first call.
+        setenv("KR7SIM_SCENARIO", "empty 1s; repeat", 1);
+        for (const char* name :
+             {"KR7SIM_REALTIME", "KR7SIM_JOURNAL", "KR7SIM_FAULTS", "KR7SIM_UNITS"}) {
+            unsetenv(name);
+        }
+        sdk.reset(new vc::ClNorvakKR7SDK(nullptr));
+        sdk->SetActiveChannel(channel, live);  // opens, reads the calibration, shapes `live`
+        FTRSCAN_IMAGE_SIZE size{};
+        if (!sdk->Scanner().GetImageSize(&size)) {
+            throw std::runtime_error("no image size");
+        }
+        raw.Create(size.nWidth, size.nHeight, 8);
+        raw.SetResolution(500, 500);
+        if (!sdk->Scanner().GetImageByDose(raw.Pixel(), 60)) {
+            throw std::runtime_error("no frame");
+        }
+        calibrated.resize(sdk->Calibration()->ResultImageSize(raw.Header(), RawSize()));
+    }
+    unsigned int RawSize() const { return static_cast<unsigned int>(raw.FullSize()); }
+
+    std::unique_ptr<vc::ClNorvakKR7SDK> sdk;
+    vc::ClNorvakKR7Channel channel;
+    ClSimpleBitmap live;
+    ClSimpleBitmap raw;
+    std::vector<unsigned char> calibrated;
+};
+
+Device& TheDevice() {
+    static Device device;
+    return device;
+}
+
+// Runs `step` once per iteration and times it; each iteration also times a
+// memcpy of the raw frame block, so that both means come from the same
+// moments of a shared machine.
+void TimeSteps(benchmark::State& state, const std::function<void()>& step) {
+    Device* device = nullptr;
+    try {
+        device = &TheDevice();
+    } catch (const std::exception& e) {
+        state.SkipWithError(e.what());
+        return;
+    }
+    const std::size_t size = device->RawSize();
+    std::vector<unsigned char> target(size);
+    for (int i = 0; i < 10; ++i) {  // warm-up: buffers sized, pages touched
+        step();
+    }
+    double stepTotal = 0;
+    double memcpyTotal = 0;
+    const unsigned long long allocations0 = g_nAllocations.load();
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        std::memcpy(target.data(), device->raw.Data(), size);
+        benchmark::ClobberMemory();
+        const auto t1 = Clock::now();
+        step();
+        benchmark::ClobberMemory();
+        const auto t2 = Clock::now();
+        const double seconds = std::chrono::duration<double>(t2 - t1).count();
+        state.SetIterationTime(seconds);
+        stepTotal += seconds;
+        memcpyTotal += std::chrono::duration<double>(t1 - t0).count();
+    }
+    const double iterations = static_cast<double>(state.iterations());
+    state.counters["allocs_per_frame"] =
+        static_cast<double>(g_nAllocations.load() - allocations0) / iterations;
+    state.counters["memcpy_ns"] = memcpyTotal * 1e9 / iterations;
+    state.counters["x_memcpy"] = stepTotal / memcpyTotal;
+    state.SetLabel(std::to_string(device->raw.Width()) + "x" +
+                   std::to_string(device->raw.Height()));
+}
+
+void BM_Capture(benchmark::State& state) {
+    TimeSteps(state, [] {
+        Device& d = TheDevice();
+        benchmark::DoNotOptimize(d.sdk->Scanner().GetImageByDose(d.raw.Pixel(), 60));
+    });
+}
+
+void BM_PrepareImage(benchmark::State& state) {
+    TimeSteps(state, [] { vc::ClNorvakKR7SDK::PrepareImage(TheDevice().raw); });
+}
+
+void BM_Calibration(benchmark::State& state) {
+    TimeSteps(state, [] {
+        Device& d = TheDevice();
+        unsigned int size = static_cast<unsigned int>(d.calibrated.size());
+        d.sdk->Calibration()->CalibrateBitmap(
+            d.raw.Header(), d.RawSize(),
+            reinterpret_cast<tagBITMAPINFOHEADER*>(d.calibrated.data()), &size);
+    });
+}
+
+void BM_GetLiveBitmap(benchmark::State& state) {
+    TimeSteps(state, [] {
+        Device& d = TheDevice();
+        d.sdk->GetLiveBitmap(d.channel, d.live);
+    });
+}
+
+BENCHMARK(BM_Capture)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PrepareImage)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Calibration)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GetLiveBitmap)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
