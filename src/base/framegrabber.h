@@ -1,8 +1,12 @@
 // Host contract of the KR7 frame-grabber plug-in (libnorvakkr7fg.so.1).
 //
 // A host loads the library, calls GetFrameGrabber() to obtain the single
-// vc::ClFramegrabber object and drives it through the operations below. This
-// header is self-contained: it needs only the C++ standard library.
+// vc::ClFramegrabber object, calls Initizalize (which switches the plug-in's
+// logging on), drives it through the operations below, calls Uninitialize
+// (every capture stopped, scanner closed, logging off) and finally
+// DestroyFrameGrabber(). Operations still work after Uninitialize: the
+// scanner is opened again when needed. This header is self-contained: it
+// needs only the C++ standard library.
 //
 // Results: every operation returns an unsigned 32-bit code, 0 on success. A
 // failed call returns its error number with FGERR_FLAG (0x10000000) set and
@@ -160,6 +164,9 @@ public:
     /* 33 */ virtual unsigned int SetCallbacks(unsigned int ch, FGStartCallback start,
                                                FGStopCallback stop) = 0;
     /* 34 */ virtual unsigned int ContaminationDetection(unsigned long ch, double* result) = 0;
+    // The host's factory is not used; always 0.
+    /* 35 */ virtual unsigned int Initizalize(ClVCFactory* factory) = 0;
+    /* 36 */ virtual unsigned int Uninitialize() = 0;
 };
 
 // Version of the plug-in ("major.minor.build.revision") with the text-getter
@@ -208,8 +215,24 @@ private:
 
 }  // namespace vc
 
-// Entry points exported by the plug-in under these plain names.
+// Entry points exported by the plug-in under these plain names. A host that
+// loads the library at run time resolves them with dlsym and casts to the
+// pointer types; a host linked against the library calls them directly.
+//   GetFrameGrabber      the process's one frame grabber, created at the first
+//                        call (an exception of the construction reaches the
+//                        caller, and the next call tries again)
+//   DestroyFrameGrabber  deletes it; harmless when there is none
+//   m_pFrameGrabber      the object, or null
+#if defined(__GNUC__)
+#define KR7FG_ENTRY_POINT __attribute__((visibility("default")))
+#else
+#define KR7FG_ENTRY_POINT
+#endif
 extern "C" {
 typedef vc::ClFramegrabber* (*FGGetFrameGrabberFn)();
 typedef void (*FGDestroyFrameGrabberFn)();
+
+KR7FG_ENTRY_POINT vc::ClFramegrabber* GetFrameGrabber();
+KR7FG_ENTRY_POINT void DestroyFrameGrabber();
+KR7FG_ENTRY_POINT extern vc::ClFramegrabber* m_pFrameGrabber;
 }

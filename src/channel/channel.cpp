@@ -166,6 +166,10 @@ bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FG
     if (IsCurrentThread()) {
         return true;
     }
+    // From a host callback on the worker: the worker cannot replace itself.
+    if (IsWorkerThread()) {
+        return false;
+    }
     SetCurrentThread();
     StopCapture();
     try {
@@ -196,7 +200,17 @@ bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FG
 }
 
 bool ClFrameGrabberChannel::StopCapture() {
-    if (!m_bRunning.exchange(false)) {
+    if (IsWorkerThread()) {
+        // Asked from a host callback on the worker itself: the loop ends
+        // after this pass and runs the stop sequence. The thread cannot join
+        // itself; the next start or stop from another thread joins it and
+        // clears the capture's state. The capture no longer belongs to the
+        // thread that started it, so that thread may start again.
+        m_OwnerThread = pthread_t();
+        return !m_bRunning.exchange(false);
+    }
+    const bool wasRunning = m_bRunning.exchange(false);
+    if (!wasRunning && !IsJoinable()) {
         return true;
     }
     StopMsg();
@@ -206,7 +220,7 @@ bool ClFrameGrabberChannel::StopCapture() {
     m_bRefreshBackground = true;
     Release();
     m_OwnerThread = pthread_t();
-    return false;
+    return !wasRunning;
 }
 
 void ClFrameGrabberChannel::SetCallbacks(FGStartCallback start, FGStopCallback stop) {

@@ -70,14 +70,18 @@ public:
 
     // Starts the worker. `captureId` is passed first to every host callback.
     // A call from the thread that started the running capture returns true
-    // and changes nothing; otherwise a running capture is stopped first.
-    // Returns whether the thread started; a failing SetDetection throws
-    // before it does.
+    // and changes nothing; one from the worker itself (a host callback)
+    // returns false and changes nothing; otherwise a running capture is
+    // stopped first. Returns whether the thread started; a failing
+    // SetDetection throws before it does.
     virtual bool StartCapture(int captureId, eCaptureModeIDs mode, FGImageCallback image,
                               FGResultCallback detection, FGErrorCallback error,
                               FGWarningCallback warning, void* context);
     // Ends the worker and waits for it. True when nothing was running,
-    // false when a capture was stopped.
+    // false when a capture was stopped. Called on the worker itself (from a
+    // host callback) it only asks the loop to end; the thread is joined by
+    // the next StartCapture or StopCapture from another thread, which also
+    // joins a worker that has ended on its own.
     virtual bool StopCapture();
     // Reports to the host's error callback; a null text is sent as
     // "Framegrabber error". The code stays inside the plug-in.

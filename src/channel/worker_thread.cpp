@@ -42,11 +42,18 @@ bool CXWorkerThread::Start() {
 }
 
 void* CXWorkerThread::Run(void* self) {
-    const unsigned int result = static_cast<CXWorkerThread*>(self)->Work();
+    CXWorkerThread* const thread = static_cast<CXWorkerThread*>(self);
+    thread->m_WorkerId.store(pthread_self());
+    const unsigned int result = thread->Work();
     return reinterpret_cast<void*>(static_cast<std::uintptr_t>(result));
 }
 
 void* CXWorkerThread::Stop() {
+    // A thread cannot join itself (EDEADLK); it is left for another thread.
+    // Checked first: the identifier below belongs to the controlling thread.
+    if (IsWorkerThread()) {
+        return nullptr;
+    }
     // Joining a zero identifier, or one already joined, is undefined.
     if (m_hThread == pthread_t{}) {
         return nullptr;
@@ -56,7 +63,14 @@ void* CXWorkerThread::Stop() {
         return nullptr;
     }
     m_hThread = pthread_t{};
+    // Identifiers of joined threads are reused: forget this one.
+    m_WorkerId.store(pthread_t{});
     return result;
+}
+
+bool CXWorkerThread::IsWorkerThread() const {
+    const pthread_t worker = m_WorkerId.load();
+    return worker != pthread_t{} && pthread_equal(worker, pthread_self()) != 0;
 }
 
 bool CXWorkerThread::Kill() {

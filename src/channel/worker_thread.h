@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 
 namespace Nvk {
@@ -23,7 +24,9 @@ public:
     // the attributes cannot be initialised or the thread cannot be created.
     virtual bool Start();
     // Joins the thread and returns its exit value (null when the join fails
-    // or no thread was started). It does not ask Work() to end.
+    // or no thread was started). It does not ask Work() to end. Called on
+    // the thread itself it joins nothing and returns null: the thread stays
+    // joinable for another thread to join.
     virtual void* Stop();
     // Sends SIGTERM to the thread; always true.
     virtual bool Kill();
@@ -41,6 +44,13 @@ public:
     static int Sleep(int ms);
     static int Relinquish();
 
+    // True when called on the thread this object started, until that
+    // thread has been joined. Any thread may ask.
+    bool IsWorkerThread() const;
+    // True while a started thread has not been joined yet, also after its
+    // Work() has returned. For the controlling thread.
+    bool IsJoinable() const { return m_hThread != pthread_t{}; }
+
 protected:
     // The thread entry: runs Work() of the object passed as argument.
     static void* Run(void* self);
@@ -50,6 +60,9 @@ private:
     // calling Start, Stop and Kill) touches it, so the worker never races
     // with its writes.
     pthread_t m_hThread{};
+    // The running thread's own identifier, stored by the thread as it
+    // starts and cleared once it has been joined; zero otherwise.
+    std::atomic<pthread_t> m_WorkerId{};
 };
 
 }  // namespace Nvk

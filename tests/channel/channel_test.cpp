@@ -257,6 +257,44 @@ TEST_F(ChannelTest, ThousandStartStopCyclesWhileFramesFlow) {
     EXPECT_EQ(host.Count(E::Error), 0);
 }
 
+TEST_F(ChannelTest, AStopFromTheHostsImageCallbackEndsTheStreamAndIsJoinedByTheNextStart) {
+    struct SelfStop {
+        ProbeChannel<vc::ClNorvakKR7Channel>* channel;
+        std::atomic<int> images{0};
+        std::atomic<int> stopResults{0};  // StopCapture's results, as 10 + result
+        std::atomic<bool> stopped{false};
+    } state{&channel};
+    channel.SetCallbacks(
+        nullptr, [](int, unsigned int, void* u) { static_cast<SelfStop*>(u)->stopped = true; });
+    ASSERT_TRUE(channel.StartCapture(
+        1, eCaptureLive,
+        [](int, unsigned int, unsigned char*, void* u) {
+            auto& self = *static_cast<SelfStop*>(u);
+            ++self.images;
+            self.stopResults += 10 + (self.channel->StopCapture() ? 1 : 0);
+        },
+        nullptr, nullptr, nullptr, &state));
+    // The worker ends by itself after the pass that stopped it (a self-join
+    // would fail and leave it hanging or running) and waits to be joined.
+    ASSERT_TRUE(Eventually([&] { return state.stopped.load(); }));
+    EXPECT_EQ(state.images, 1);
+    EXPECT_EQ(state.stopResults, 10);  // false: a running capture was stopped
+    EXPECT_FALSE(channel.IsRunning());
+    EXPECT_TRUE(channel.IsJoinable());
+    const std::vector<Op> calls = sdk.Calls();
+    EXPECT_THAT(std::vector<Op>(calls.end() - 4, calls.end()),
+                ElementsAre(Op::Lock, Op::StopLiveCapturing, Op::UninitializeSDK, Op::UnLock));
+
+    // The thread that started the first capture starts again; the old
+    // worker is joined before the new one is created.
+    ASSERT_TRUE(host.Start(channel, eCaptureLive, 2));
+    EXPECT_FALSE(channel.startedOverUnjoined);
+    ASSERT_TRUE(host.WaitFor(E::Image, 1));
+    EXPECT_EQ(host.Events(E::Image)[0].handle, 2);
+    EXPECT_FALSE(channel.StopCapture());
+    EXPECT_FALSE(channel.IsJoinable());
+}
+
 TEST_F(ChannelTest, WithoutADeviceTheStreamEndsWithAnError) {
     vc::ClFrameGrabberChannel::m_pFramegrabberSDK = nullptr;
     ASSERT_TRUE(host.Start(channel, eCaptureLive));

@@ -330,8 +330,11 @@ class ProbeChannel : public Base {
 public:
     std::unique_ptr<vc::ClImageDetection> nextDetector;
     bool failStart = false;
+    // Set when a thread is started while the previous one is still unjoined.
+    bool startedOverUnjoined = false;
 
     bool Start() override {
+        startedOverUnjoined = startedOverUnjoined || this->IsJoinable();
         if (failStart) {
             return false;
         }

@@ -181,6 +181,8 @@ public:
     KR7_STUB(AvailablePropertiesEx, vc::ePropertyIDs*, unsigned long&)
     KR7_STUB(SetCallbacks, unsigned int, vc::FGStartCallback, vc::FGStopCallback)
     KR7_STUB(ContaminationDetection, unsigned long, double*)
+    KR7_STUB(Initizalize, vc::ClVCFactory*)
+    KR7_STUB(Uninitialize)
 #undef KR7_STUB
     // clang-format on
 };

@@ -1,0 +1,372 @@
+// The frame grabber facade in process: checks against the lists and the
+// forward that follows them, result flags and the last error, list copies,
+// text getters, the life cycle and host calls made from inside the host's
+// own callbacks. Suites named Virtual_* run against the virtual scanner;
+// the others with no closed library reachable.
+#include "framegrabber/norvak_kr7_framegrabber.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "util/logging_client.h"
+
+namespace {
+
+using vc::ClNorvakKR7Framegrabber;
+
+// The virtual scanner reads its settings at the first call of the process.
+const bool kScenario = [] {
+    setenv("KR7SIM_SCENARIO", "empty 0.3s; place; hold 1.5s; lift 0.5s; repeat", 1);
+    unsetenv("KR7SIM_REALTIME");
+    return true;
+}();
+
+constexpr unsigned int kFlag = vc::FGERR_FLAG;
+constexpr int kUntouched = -1;
+constexpr unsigned long kSentinelCode = 77;
+
+template <class Done>
+bool Eventually(Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return done();
+}
+
+unsigned long LastCode(ClNorvakKR7Framegrabber& fg) {
+    unsigned long code = 0;
+    std::string text;
+    fg.GetLastFGError(code, text);
+    return code;
+}
+
+// The last error's text as a host reads it: size query, then the copy.
+std::string LastText(vc::ClFramegrabber& fg) {
+    unsigned long size = 0;
+    EXPECT_EQ(kFlag | 17u, fg.GetLastError(nullptr, size));
+    std::string text(size, '#');
+    EXPECT_EQ(0u, fg.GetLastError(&text[0], size));
+    EXPECT_EQ('\0', text.back());
+    text.pop_back();
+    return text;
+}
+
+// One operation on a fresh frame grabber whose last error is a sentinel
+// beforehand: its result and the last error it leaves.
+struct Case {
+    const char* what;
+    std::function<unsigned int(ClNorvakKR7Framegrabber&)> call;
+    unsigned int result;
+    int lastError;               // kUntouched: the sentinel is still there
+    const char* text = nullptr;  // the last error's text, when it matters
+};
+
+TEST(FramegrabberFacade, ResultsAndLastErrors) {
+    using namespace vc;
+    namespace e = vc::err;
+    unsigned char data[8] = {};
+    unsigned long size = sizeof data;
+    unsigned long value = 0;
+    unsigned int property = 0;
+    const auto start = [](ClNorvakKR7Framegrabber& fg, unsigned int mode) {
+        return fg.StartCapture(5, 1, eCaptureModeIDs(mode), nullptr, nullptr, nullptr, nullptr,
+                               nullptr);
+    };
+    const Case cases[] = {
+        {"known camera", [](auto& fg) { return fg.SetCamera(1, eCameraKR7, eColorGray8); }, 0,
+         kUntouched},
+        {"unknown camera, accepted by the channel",
+         [](auto& fg) { return fg.SetCamera(1, eCameraType5, eColorGray8); }, kFlag | 3, 3,
+         e::kCameraUnknownText},
+        {"unknown camera on channel 2: the forward's error wins",
+         [](auto& fg) { return fg.SetCamera(2, eCameraType5, eColorGray8); }, kFlag | 4, 4,
+         e::kBadChannelText},
+        {"colour mode 1, before any channel lookup",
+         [](auto& fg) { return fg.SetCamera(0, eCameraKR7, eColorModeIDs(1)); }, kFlag | 9, 9,
+         e::kBadColorModeText},
+        {"rolled mode: not listed, started all the same", [&](auto& fg) { return start(fg, 2); },
+         kFlag | 10, 10, e::kBadDetectionText},
+        {"capture mode 99: no detector", [&](auto& fg) { return start(fg, 99); }, kFlag | 51, 51,
+         e::kNoStorageText},
+        {"background filter", [](auto& fg) { return fg.SetFilter(1, eFilterSubtractBackground); },
+         kFlag | 11, 11, e::kBadFilterText},
+        {"filter 99", [](auto& fg) { return fg.SetFilter(1, eFilterIDs(99)); }, kFlag | 11, 11},
+        {"property 99 read", [&](auto& fg) { return fg.GetFGProperty(ePropertyIDs(99), property); },
+         kFlag | 12, 12, e::kBadPropertyText},
+        {"property 99 written", [](auto& fg) { return fg.SetFGProperty(ePropertyIDs(99), 1); },
+         kFlag | 12, 12},
+        {"read-only property", [](auto& fg) { return fg.SetFGProperty(ePropFixedOne, 1); },
+         kFlag | 18, 18, e::kReadOnlyPropertyText},
+        {"aspect ratio below 1", [](auto& fg) { return fg.SetAspectRatio(1, 0.5, 1.0); },
+         kFlag | 25, 25, e::kBadAspectRatioText},
+        {"no place for the image", [](auto& fg) { return fg.GetImage(1, nullptr); }, kFlag | 23,
+         23},
+        {"events", [](auto& fg) { return fg.EnableEvents(0, 9, nullptr, nullptr); }, 0, kUntouched},
+        {"FreeImage of nothing", [](auto& fg) { return fg.FreeImage(nullptr); }, 0, kUntouched},
+        // Not supported: bare numbers, no last error.
+        {"WriteEEPROM", [&](auto& fg) { return fg.WriteEEPROM(data, size); }, 14, kUntouched},
+        {"ReadEEPROM", [&](auto& fg) { return fg.ReadEEPROM(data, size); }, 14, kUntouched},
+        {"ShowDialog", [](auto& fg) { return fg.ShowDialog(eDlgIDs(0), 0); }, 22, kUntouched},
+        {"SaveSetting", [](auto& fg) { return fg.SaveSetting(1, 2); }, 22, kUntouched},
+        {"AvailableDialogs", [&](auto& fg) { return fg.AvailableDialogs(0, nullptr, size); }, 22,
+         kUntouched},
+        {"SetFGPropertyEx", [](auto& fg) { return fg.SetFGPropertyEx(1, ePropRedLED, 1); }, 22,
+         kUntouched},
+        {"GetFGPropertyEx", [&](auto& fg) { return fg.GetFGPropertyEx(1, ePropRedLED, value); }, 22,
+         kUntouched},
+        {"AvailablePropertiesEx", [&](auto& fg) { return fg.AvailablePropertiesEx(nullptr, size); },
+         22, kUntouched},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ClNorvakKR7Framegrabber fg(nullptr);
+        fg.SetLastFGError(kSentinelCode, "earlier error");
+        const unsigned int result = c.call(fg);
+        EXPECT_EQ(c.result, result) << std::hex << result;
+        EXPECT_EQ(c.lastError == kUntouched ? kSentinelCode : c.lastError, LastCode(fg));
+        if (c.text != nullptr) {
+            EXPECT_EQ(c.text, LastText(fg));
+        }
+        fg.StopCapture(1);
+    }
+}
+
+TEST(FramegrabberFacade, ChannelsOtherThanOneAreRefused) {
+    using namespace vc;
+    // The host's wider channel type must not wrap round onto channel 1.
+    for (unsigned long ch : {0ul, 2ul, 0xFFFFFFFFul, 0x100000001ul}) {
+        SCOPED_TRACE(ch);
+        ClNorvakKR7Framegrabber fg(nullptr);
+        const unsigned int narrow = static_cast<unsigned int>(ch > UINT_MAX ? 0 : ch);
+        unsigned char* image = nullptr;
+        double contamination = 0;
+        for (unsigned int result : {
+                 fg.SetCamera(narrow, eCameraKR7, eColorGray8),
+                 fg.GetImage(narrow, &image),
+                 fg.StartCapture(1, narrow, eCaptureLive, nullptr, nullptr, nullptr, nullptr,
+                                 nullptr),
+                 fg.StopCapture(narrow),
+                 fg.SetFilter(narrow, eFilterNone),
+                 fg.SetResolution(narrow, ClImageResolution(100, 100)),
+                 fg.Freeze(narrow, true),
+                 fg.SetAspectRatio(narrow, 1.0, 1.0),
+                 fg.SetCallbacks(narrow, nullptr, nullptr),
+                 fg.ContaminationDetection(ch, &contamination),
+             }) {
+            EXPECT_EQ(kFlag | 4, result);
+        }
+        EXPECT_EQ(nullptr, image);
+        EXPECT_EQ(err::kBadChannelText, LastText(fg));
+    }
+}
+
+// A null array, a short one and one with room to spare; the last error is
+// never touched.
+template <class Id>
+void ExpectList(unsigned int (ClNorvakKR7Framegrabber::*copy)(Id*, unsigned long&),
+                const std::vector<std::uint32_t>& expected) {
+    ClNorvakKR7Framegrabber fg(nullptr);
+    fg.SetLastFGError(kSentinelCode, "earlier error");
+    const unsigned long n = expected.size();
+    std::vector<std::uint32_t> buffer(n + 1, 0xEEEEEEEEu);
+    Id* list = reinterpret_cast<Id*>(buffer.data());
+    unsigned long count = 5;
+    EXPECT_EQ(kFlag | 17, (fg.*copy)(nullptr, count));
+    EXPECT_EQ(n, count);
+    count = n - 1;
+    EXPECT_EQ(kFlag | 17, (fg.*copy)(list, count));
+    EXPECT_EQ(n, count);
+    EXPECT_EQ(0xEEEEEEEEu, buffer[n - 1]);  // nothing beyond the room given
+    count = n + 1;
+    EXPECT_EQ(0u, (fg.*copy)(list, count));
+    EXPECT_EQ(n, count);
+    buffer.pop_back();
+    EXPECT_EQ(expected, buffer);
+    EXPECT_EQ(kSentinelCode, LastCode(fg));
+}
+
+TEST(FramegrabberFacade, ListCopies) {
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableCameras, {8});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableColorModes, {0});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableDetections, {0, 1});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableFilters, {0});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableProperties, {3, 6, 7, 8});
+}
+
+TEST(FramegrabberFacade, TextGettersAnswerSizeQueriesAndCutCopies) {
+    ClNorvakKR7Framegrabber fg(nullptr);
+    fg.SetLastFGError(4, vc::err::kBadChannelText);
+    using Getter = unsigned int (ClNorvakKR7Framegrabber::*)(char*, unsigned long&);
+    const struct {
+        Getter get;
+        std::string text;
+    } getters[] = {{&ClNorvakKR7Framegrabber::GetVersion, "1.13.38.0"},
+                   {&ClNorvakKR7Framegrabber::GetLastError, vc::err::kBadChannelText}};
+    for (const auto& g : getters) {
+        SCOPED_TRACE(g.text);
+        const unsigned long needed = g.text.size() + 1;
+        unsigned long size = 0;
+        EXPECT_EQ(kFlag | 17, (fg.*g.get)(nullptr, size));
+        EXPECT_EQ(needed, size);
+        char buffer[64];
+        std::memset(buffer, '#', sizeof buffer);
+        size = 4;
+        EXPECT_EQ(0u, (fg.*g.get)(buffer, size));
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(g.text.substr(0, 4) + "#", std::string(buffer, 5));  // cut, no terminator
+        size = sizeof buffer;
+        EXPECT_EQ(0u, (fg.*g.get)(buffer, size));
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(g.text, buffer);
+        EXPECT_EQ('#', buffer[needed]);
+    }
+    EXPECT_EQ(4u, LastCode(fg));  // neither getter changes the last error
+}
+
+// ---- against the virtual scanner ------------------------------------------
+
+class Virtual_Facade : public ::testing::Test {
+protected:
+    ClNorvakKR7Framegrabber fg{nullptr};
+
+    void TearDown() override { fg.Uninitialize(); }
+};
+
+// Header of a block handed out by GetImage or a callback.
+void ExpectBitmap(const unsigned char* image) {
+    ASSERT_NE(nullptr, image);
+    std::int32_t fields[3] = {};  // header size, width, height
+    std::uint16_t bits = 0;
+    std::memcpy(fields, image, sizeof fields);
+    std::memcpy(&bits, image + 14, 2);
+    EXPECT_EQ(40, fields[0]);
+    EXPECT_GT(fields[1], 100);
+    EXPECT_GT(fields[2], 100);
+    EXPECT_EQ(8, bits);
+}
+
+TEST_F(Virtual_Facade, LifeCycleAroundInitialisation) {
+    using Client = Nvk::utilities::ClLoggingFacilityClient;
+    // Before Initizalize everything works, only without logging.
+    unsigned long size = 0;
+    EXPECT_EQ(kFlag | 17, fg.GetInfo(nullptr, size));
+    EXPECT_EQ(vc::err::kMoreDataText, LastText(fg));
+    std::vector<char> info(size, '#');
+    const unsigned long needed = size;
+    size = 5;
+    EXPECT_EQ(0u, fg.GetInfo(info.data(), size));
+    EXPECT_EQ(needed, size);
+    EXPECT_EQ("Norva#", std::string(info.data(), 6));
+
+    EXPECT_EQ(0u, fg.Initizalize(nullptr));
+    EXPECT_NE(nullptr, Client::m_fpLogInstance.load());
+    EXPECT_EQ(0u, fg.SetFGProperty(vc::ePropGreenLED, 100));
+    unsigned int value = 0;
+    EXPECT_EQ(0u, fg.GetFGProperty(vc::ePropGreenLED, value));
+    EXPECT_EQ(100u, value);
+
+    // Uninitialize closes the scanner and switches logging off; the next
+    // operation opens the scanner again.
+    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(nullptr, Client::m_fpLogInstance.load());
+    EXPECT_FALSE(fg.IsScannerInitialized());
+    unsigned char* image = nullptr;
+    EXPECT_EQ(0u, fg.GetImage(1, &image));
+    ExpectBitmap(image);
+    EXPECT_EQ(0u, fg.FreeImage(image));
+    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(0u, fg.Uninitialize());
+}
+
+// What a capture delivered, and what the host's image callback does.
+struct Capture {
+    ClNorvakKR7Framegrabber* fg = nullptr;
+    enum Reaction { None, Stop, Snap } reaction = None;
+    std::atomic<int> images{0};
+    std::atomic<int> errors{0};
+    std::atomic<int> stops{0};
+    std::atomic<bool> reacted{false};
+    std::atomic<unsigned int> reactionResult{0xFFFFFFFFu};
+
+    static void OnImage(int, unsigned int, unsigned char* image, void* user) {
+        auto& self = *static_cast<Capture*>(user);
+        ++self.images;
+        ExpectBitmap(image);
+        if (self.reaction == None || self.reacted.exchange(true)) {
+            return;
+        }
+        unsigned char* snapped = nullptr;
+        self.reactionResult =
+            self.reaction == Stop ? self.fg->StopCapture(1) : self.fg->GetImage(1, &snapped);
+        if (self.reaction == Snap) {
+            ExpectBitmap(snapped);
+            self.fg->FreeImage(snapped);
+        }
+    }
+    static void OnError(int, unsigned int, const char*, void* user) {
+        ++static_cast<Capture*>(user)->errors;
+    }
+    static void OnStop(int, unsigned int, void* user) { ++static_cast<Capture*>(user)->stops; }
+
+    unsigned int Start(vc::eCaptureModeIDs mode = vc::eCaptureLive) {
+        fg->SetCallbacks(1, nullptr, &OnStop);
+        return fg->StartCapture(3, 1, mode, &OnImage, nullptr, &OnError, nullptr, this);
+    }
+};
+
+TEST_F(Virtual_Facade, StopAndGetImageFromTheHostsImageCallback) {
+    for (Capture::Reaction reaction : {Capture::Stop, Capture::Snap}) {
+        SCOPED_TRACE(reaction);
+        Capture capture;
+        capture.fg = &fg;
+        capture.reaction = reaction;
+        ASSERT_EQ(0u, capture.Start());
+        ASSERT_TRUE(Eventually([&] { return capture.stops.load() == 1; }));
+        EXPECT_EQ(0u, capture.reactionResult.load());
+        EXPECT_EQ(1, capture.images.load());  // the pass that stopped was the last
+        EXPECT_EQ(0, capture.errors.load());
+
+        // The same host thread starts again; the stopped worker is joined.
+        capture.reaction = Capture::None;
+        ASSERT_EQ(0u, capture.Start());
+        ASSERT_TRUE(Eventually([&] { return capture.images.load() > 3; }));
+        EXPECT_EQ(0u, fg.StopCapture(1));
+        EXPECT_EQ(2, capture.stops.load());
+    }
+}
+
+TEST_F(Virtual_Facade, UninitializeOrDestructionEndsARunningCapture) {
+    Capture capture;
+    capture.fg = &fg;
+    ASSERT_EQ(0u, capture.Start(vc::eCapturePlainFinger));
+    ASSERT_TRUE(Eventually([&] { return capture.images.load() > 3; }));
+    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(1, capture.stops.load());  // stopped and joined before the return
+    const int images = capture.images;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(images, capture.images.load());
+    EXPECT_EQ(0, capture.errors.load());
+
+    // A frame grabber destroyed while capturing stops first.
+    auto doomed = std::make_unique<ClNorvakKR7Framegrabber>(nullptr);
+    Capture second;
+    second.fg = doomed.get();
+    ASSERT_EQ(0u, second.Start());
+    ASSERT_TRUE(Eventually([&] { return second.images.load() > 3; }));
+    doomed.reset();
+    EXPECT_EQ(1, second.stops.load());
+}
+
+}  // namespace
