@@ -24,60 +24,7 @@
 #include <thread>
 
 #include "channel/channel.h"
-
-namespace {
-
-std::atomic<unsigned long long> g_nAllocations{0};
-
-void* CountedAlloc(std::size_t size) {
-    g_nAllocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size == 0 ? 1 : size);
-}
-
-// Out of line, so that the compiler does not pair the free with the
-// operator new it sees inlined at a call site.
-[[gnu::noinline]] void CountedFree(void* p) noexcept {
-    std::free(p);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (void* p = CountedAlloc(size)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-    if (void* p = CountedAlloc(size)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void operator delete(void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
+#include "support/allocation_count.h"
 
 namespace {
 
@@ -146,11 +93,11 @@ void RunThroughput(benchmark::State& state, vc::eCaptureModeIDs mode, unsigned c
 
     constexpr unsigned long long kBatch = 2000;
     const unsigned long long frames0 = sdk.Frames();
-    const unsigned long long allocations0 = g_nAllocations.load();
+    const unsigned long long allocations0 = kr7bench::AllocationCount();
     for (auto _ : state) {
         WaitForFrames(sdk, sdk.Frames() + kBatch);
     }
-    const unsigned long long allocations1 = g_nAllocations.load();
+    const unsigned long long allocations1 = kr7bench::AllocationCount();
     const unsigned long long frames1 = sdk.Frames();
     channel.StopCapture();
     vc::ClFrameGrabberChannel::m_pFramegrabberSDK = nullptr;
@@ -209,12 +156,12 @@ void RunDelivery(benchmark::State& state, vc::eCaptureModeIDs mode, unsigned cha
     for (int i = 0; i < 100; ++i) {
         channel.SendBitmapToClient(frame, true);
     }
-    const unsigned long long allocations0 = g_nAllocations.load();
+    const unsigned long long allocations0 = kr7bench::AllocationCount();
     for (auto _ : state) {
         sdk.GetLiveBitmap(channel, frame);
         channel.SendBitmapToClient(frame, true);
     }
-    const unsigned long long allocations1 = g_nAllocations.load();
+    const unsigned long long allocations1 = kr7bench::AllocationCount();
     channel.StopCapture();
     vc::ClFrameGrabberChannel::m_pFramegrabberSDK = nullptr;
     state.SetItemsProcessed(state.iterations());

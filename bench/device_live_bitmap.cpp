@@ -34,60 +34,7 @@
 #include "channel/channel.h"
 #include "device/calibration_binding.h"
 #include "device/norvak_kr7_sdk.h"
-
-namespace {
-
-std::atomic<unsigned long long> g_nAllocations{0};
-
-void* CountedAlloc(std::size_t size) {
-    g_nAllocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size == 0 ? 1 : size);
-}
-
-// Out of line, so that the compiler does not pair the free with the
-// operator new it sees inlined at a call site.
-[[gnu::noinline]] void CountedFree(void* p) noexcept {
-    std::free(p);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (void* p = CountedAlloc(size)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-    if (void* p = CountedAlloc(size)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void operator delete(void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
+#include "support/allocation_count.h"
 
 namespace {
 
@@ -154,7 +101,7 @@ void TimeSteps(benchmark::State& state, const std::function<void()>& step) {
     }
     double stepTotal = 0;
     double memcpyTotal = 0;
-    const unsigned long long allocations0 = g_nAllocations.load();
+    const unsigned long long allocations0 = kr7bench::AllocationCount();
     for (auto _ : state) {
         const auto t0 = Clock::now();
         std::memcpy(target.data(), device->raw.Data(), size);
@@ -170,7 +117,7 @@ void TimeSteps(benchmark::State& state, const std::function<void()>& step) {
     }
     const double iterations = static_cast<double>(state.iterations());
     state.counters["allocs_per_frame"] =
-        static_cast<double>(g_nAllocations.load() - allocations0) / iterations;
+        static_cast<double>(kr7bench::AllocationCount() - allocations0) / iterations;
     state.counters["memcpy_ns"] = memcpyTotal * 1e9 / iterations;
     state.counters["x_memcpy"] = stepTotal / memcpyTotal;
     state.SetLabel(std::to_string(device->raw.Width()) + "x" +
