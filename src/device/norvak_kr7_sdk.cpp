@@ -5,6 +5,10 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "base/errors.h"
 #include "device/calibration_binding.h"
 #include "device/device_lock.h"
@@ -326,11 +330,22 @@ void ClNorvakKR7SDK::PrepareImage(ClSimpleBitmap& bitmap) {
     const long height = bitmap.Height();
     const long stride = bitmap.BPRow();
     unsigned char* pixels = bitmap.Pixel();
-    // 255 - v is ~v on a byte: whole 64-bit words at a time, the rest bytewise.
+    // 255 - v is ~v on a byte: 16 bytes at a time where the machine has
+    // SSE2 (every x86-64 does), whole 64-bit words elsewhere, the rest
+    // bytewise.
     for (long i = 0; i < height / 2; ++i) {
         unsigned char* top = pixels + i * stride;
         unsigned char* bottom = pixels + (height - 1 - i) * stride;
         long x = 0;
+#if defined(__SSE2__)
+        const __m128i ones = _mm_set1_epi8(-1);
+        for (; x + 16 <= width; x += 16) {
+            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(top + x));
+            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bottom + x));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(top + x), _mm_xor_si128(b, ones));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(bottom + x), _mm_xor_si128(a, ones));
+        }
+#endif
         for (; x + 8 <= width; x += 8) {
             std::uint64_t a;
             std::uint64_t b;
