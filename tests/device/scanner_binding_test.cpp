@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "base/errors.h"
+#include "device/device_test_support.h"
 #include "device/futronic_base_sdk.h"
 #include "device/qv2_api_lib.h"
 
@@ -44,21 +45,7 @@ bool ApiResident() {
     return handle != nullptr;
 }
 
-// "number: text" of a loader or not-supported exception, "system error" for
-// CXSystemException, empty when `call` throws nothing.
-template <class Call>
-std::string Thrown(Call call) {
-    try {
-        call();
-    } catch (const vc::ClQV2NOTImplException& e) {
-        return std::to_string(e.GetErrorNumber()) + ": " + e.GetDescription();
-    } catch (const Nvk::CXOtherException& e) {
-        return std::to_string(e.GetErrorNumber()) + ": " + e.GetDescription();
-    } catch (const Nvk::CXSystemException&) {
-        return "system error";
-    }
-    return "";
-}
+using kr7test::Thrown;
 
 // The stand-in reads its KR7SIM_* variables whenever it is loaded, and the
 // binding unloads it with the last wrapper, so each wrapper constructed

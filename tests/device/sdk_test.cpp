@@ -25,6 +25,7 @@
 #include "base/errors.h"
 #include "calibration/calibration_header.h"
 #include "device/calibration_binding.h"
+#include "device/device_test_support.h"
 #include "device/norvak_kr7_sdk.h"
 #include "device/settings.h"
 
@@ -42,21 +43,7 @@ using Lines = std::vector<std::string>;
 
 constexpr const char* kInitFailed = "QV2 scanner. The scanner couldn't be initialized.";
 
-// "number: text" of what `call` throws, "system error" for a failed system
-// call, empty when it throws nothing.
-template <class Call>
-std::string Thrown(Call&& call) {
-    try {
-        call();
-    } catch (const vc::ClVCException& e) {
-        return std::to_string(e.GetErrorNumber()) + ": " + e.GetDescription();
-    } catch (const Nvk::CXOtherException& e) {
-        return std::to_string(e.GetErrorNumber()) + ": " + e.GetDescription();
-    } catch (const Nvk::CXSystemException&) {
-        return "system error";
-    }
-    return "";
-}
+using kr7test::Thrown;
 
 template <class Done>
 bool Eventually(Done done) {
