@@ -1,21 +1,16 @@
 #!/usr/bin/env bash
-# Builds the plug-in, the virtual scanner and the host program fghost, then
-# captures a few seconds of the virtual scanner's demo scenario (a finger
-# placed, held and lifted) through the plug-in, as any host does: fghost
-# loads libnorvakkr7fg.so.1, takes its frame grabber with GetFrameGrabber
-# and starts a plain-finger capture. Live frames and finger results land in
-# out/capture as BMP files. Arguments are passed to fghost, e.g.
-#   tools/demo.sh -m live -n 80
+# Builds kr7, the plug-in and the virtual scanner into build/default, then
+# takes three plain-finger results from the virtual scanner's demo scenario
+# (a finger placed, held and lifted, again and again) through the plug-in,
+# and a sheet of them, into out/capture. Arguments are passed on to
+# kr7 capture, e.g.
+#   tools/demo.sh --mode rolled --count 2
+#   KR7SIM_REALTIME=1 tools/demo.sh        # at the scanner's own pace
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cmake --preset default >/dev/null
-cmake --build --preset default --target norvakkr7fg fghost QV2ScanAPI norvakcalibratesdk norvaklf \
-  >/dev/null
+cmake --build --preset default --target kr7 >/dev/null
 
 out=out/capture
-mkdir -p "$out"
-# As fast as the plug-in asks: the scenario's time is counted in frames.
-unset KR7SIM_REALTIME
-LD_LIBRARY_PATH="$PWD/build/default/sim/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
-  build/default/tools/fghost -l build/default/src/libnorvakkr7fg.so.1 -o "$out" "$@"
+build/default/tools/kr7 --virtual capture --count 3 --out "$out" --sheet "$out/sheet.png" "$@"

@@ -1,0 +1,45 @@
+// kr7 capture: results or live frames into files, with a status line for a
+// person at a terminal and a summary for scripts.
+#pragma once
+
+#include <csignal>
+#include <string>
+
+#include "base/framegrabber.h"
+#include "plugin.h"
+
+namespace kr7 {
+
+// Set by the SIGINT/SIGTERM handler; a running capture stops cleanly.
+extern volatile std::sig_atomic_t g_interrupted;
+
+struct CaptureOptions {
+    vc::eCaptureModeIDs mode = vc::eCapturePlainFinger;
+    int count = 3;        // results to take (finger modes)
+    int frames = 25;      // frames to take (live, preview)
+    double timeout = 30;  // seconds
+    std::string folder = ".";
+    std::string pattern;  // file names; holds the image number
+    std::string sheet;    // the result sheet; empty: none
+};
+
+struct Output {
+    bool json = false;
+    bool quiet = false;
+};
+
+// The capture mode's name on the command line ("plain", ...) and back.
+const char* ModeName(vc::eCaptureModeIDs mode);
+bool ModeFromName(const std::string& name, vc::eCaptureModeIDs& mode);
+
+// The file name for image `number`: `pattern` holds exactly one decimal
+// conversion (%d, %3d, %03d; %% is a percent sign). False when it does not.
+bool FormatName(const std::string& pattern, int number, std::string& name);
+
+// Runs one capture on channel 1 of the active scanner and returns the exit
+// status. Images written are kept whatever ends the capture.
+// `serial` and `interface` name the scanner in the output.
+int Capture(Plugin& plugin, const CaptureOptions& options, const Output& output,
+            const std::string& serial, unsigned int interface);
+
+}  // namespace kr7
