@@ -19,9 +19,31 @@
 // Otherwise min(needed, size) bytes are copied, without a terminating zero
 // when the buffer is too small, and size becomes the needed size.
 //
-// Callbacks are called from the plug-in's capture threads. Images passed to
-// them point at a packed bitmap (BITMAPINFOHEADER, palette, rows) that is
-// valid only during the call.
+// Images. Every image the plug-in hands out is one packed 8-bit bitmap: a
+// 40-byte BITMAPINFOHEADER (height positive, so the rows run bottom-up), a
+// palette of 256 four-byte grey entries, then the rows, each padded to a
+// multiple of 4 bytes. Behind a 14-byte BITMAPFILEHEADER it is a BMP file.
+// Who owns it:
+//   - An image passed to a callback belongs to the plug-in and is valid only
+//     until the callback returns. Copy what you keep; never free it.
+//   - An image from GetImage belongs to the host until the host hands it
+//     back to FreeImage of the same frame grabber, before
+//     DestroyFrameGrabber. Never release it with free or delete.
+//
+// Threads. The host may call the operations from any of its threads, also
+// from several at once and from inside a callback, with these exceptions:
+// StartCapture from inside a callback of the same channel fails, and
+// StopCapture there only asks that capture to end (its worker is joined by
+// the channel's next StartCapture or StopCapture from another thread). Call
+// Uninitialize and DestroyFrameGrabber from a host thread, never from a
+// callback.
+// A capturing channel has a worker thread of its own, and all of that
+// channel's callbacks come on it, one at a time: start, image, result,
+// error, warning and stop. The event callback (EnableEvents, a fake finger)
+// comes on the thread that took the frame that showed it: the channel's
+// worker during a capture, the host's own thread inside GetImage. No
+// callback is made while the plug-in holds the scanner, so a callback may
+// call the plug-in, and a slow callback delays that channel's next frame.
 #pragma once
 
 #include <cstddef>

@@ -71,6 +71,19 @@ std::string VirtualScannerFolder() {
     if (folder != nullptr && *folder != '\0') {
         return folder;
     }
+#ifdef KR7_INSTALL_SIM_FROM_BIN
+    // An installed kr7 takes the stand-ins installed with it, wherever the
+    // installation sits.
+    const std::string program = ProgramFolder();
+    if (!program.empty()) {
+        char* beside = realpath((program + "/" + KR7_INSTALL_SIM_FROM_BIN).c_str(), nullptr);
+        const std::string folder = beside != nullptr ? beside : "";
+        std::free(beside);
+        if (!folder.empty() && IsFolder(folder)) {
+            return folder;
+        }
+    }
+#endif
 #ifdef KR7_INSTALL_SIM_DIR
     if (IsFolder(KR7_INSTALL_SIM_DIR)) {
         return KR7_INSTALL_SIM_DIR;

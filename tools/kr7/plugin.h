@@ -37,7 +37,8 @@ struct LoadOptions {
 };
 
 // The folder of the virtual scanner's libraries: KR7_SIM_DIR, else the
-// installed folder when there is one, else the build tree's.
+// installed folder beside kr7's own (../lib/norvakkr7fg/sim from its bin/),
+// else the one under the configured install prefix, else the build tree's.
 std::string VirtualScannerFolder();
 
 // The three libraries the plug-in loads by name, in the order kr7 preloads them.
