@@ -273,7 +273,9 @@ protected:
     }
 
     // Runs kr7 with `args` in the test's folder and the virtual scanner's
-    // settings cleared, then `env` (NAME=value) added. `during` runs while
+    // settings cleared, then `env` (NAME=value) added. Captures that count
+    // results pass a timeout far above kr7's 30 s default: a sanitizer build
+    // on a busy machine takes many seconds per result. `during` runs while
     // kr7 does; a kr7 still running after two minutes is killed.
     Outcome Kr7Run(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                    const std::function<void(pid_t)>& during = nullptr) {
@@ -402,8 +404,8 @@ TEST_F(Kr7, SnapWritesTheSameImageInEveryFormat) {
 }
 
 TEST_F(Kr7, PlainCaptureKeepsOneResultPerPlacementAndDrawsASheet) {
-    const Outcome run = Kr7Run({"--virtual", "--json", "capture", "--count", "2", "--out", "prints",
-                                "--sheet", "sheet.png"},
+    const Outcome run = Kr7Run({"--virtual", "--json", "capture", "--timeout", "100", "--count",
+                                "2", "--out", "prints", "--sheet", "sheet.png"},
                                {std::string("KR7SIM_SCENARIO=") + kScenario});
     ASSERT_EQ(0, run.status) << run.err;
     const Json summary = ParseJson(run.out);
@@ -428,8 +430,8 @@ TEST_F(Kr7, PlainCaptureKeepsOneResultPerPlacementAndDrawsASheet) {
 }
 
 TEST_F(Kr7, RolledCaptureIsNotedAndRuns) {
-    const Outcome run = Kr7Run({"--virtual", "capture", "--mode", "rolled", "--count", "2",
-                                "--name", "roll-%02d.bmp", "--sheet", "rolls.pgm"},
+    const Outcome run = Kr7Run({"--virtual", "capture", "--timeout", "100", "--mode", "rolled",
+                                "--count", "2", "--name", "roll-%02d.bmp", "--sheet", "rolls.pgm"},
                                {"KR7SIM_SCENARIO=empty 0.3s; roll; empty 0.5s; repeat"});
     ASSERT_EQ(0, run.status) << run.err;
     EXPECT_CONTAINS(run.err, "does not list rolled capture");
@@ -446,8 +448,8 @@ TEST_F(Kr7, RolledCaptureIsNotedAndRuns) {
 }
 
 TEST_F(Kr7, LiveCaptureWritesFrames) {
-    const Outcome run = Kr7Run({"--virtual", "capture", "--mode", "live", "--frames", "4", "--out",
-                                "live", "--name", "f%d.pgm"});
+    const Outcome run = Kr7Run({"--virtual", "capture", "--timeout", "100", "--mode", "live",
+                                "--frames", "4", "--out", "live", "--name", "f%d.pgm"});
     ASSERT_EQ(0, run.status) << run.err;
     EXPECT_CONTAINS(run.out, "4 frames in");
     EXPECT_CONTAINS(run.out, "files: live/f1.pgm to live/f4.pgm\n");
@@ -499,7 +501,7 @@ TEST_F(Kr7, InterruptStopsCleanlyAndKeepsTheImages) {
 
 TEST_F(Kr7, UnpluggedScannerEndsTheCaptureWithItsError) {
     const Outcome run =
-        Kr7Run({"--virtual", "capture", "--count", "5"},
+        Kr7Run({"--virtual", "capture", "--timeout", "100", "--count", "5"},
                {"KR7SIM_SCENARIO=empty 0.3s; place; hold 0.5s; unplug 5s; empty 5s"});
     EXPECT_EQ(1, run.status) << run.err;
     EXPECT_CONTAINS(run.err, "The scanner is disconnected.");
