@@ -205,6 +205,8 @@ void Configure(Library& library) {
     }
     const std::string realtime = Env("KR7SIM_REALTIME");
     library.realtime = !realtime.empty() && realtime != "0";
+    const std::string fixed = Env("KR7SIM_FIXED_FRAME");
+    library.fixed_frame = !fixed.empty() && fixed != "0";
     uint64_t seed = 1;
     if (const std::string s = Env("KR7SIM_SEED"); !s.empty() && !ParseU64(s, seed)) {
         library.error = "KR7SIM_SEED: not a number: '" + s + "'";
@@ -238,7 +240,8 @@ void Configure(Library& library) {
                 return;
             }
         }
-        units.push_back(std::make_unique<Unit>(config, scenario, library.realtime));
+        units.push_back(
+            std::make_unique<Unit>(config, scenario, library.realtime, library.fixed_frame));
     }
     library.units.swap(units);
 }

@@ -17,10 +17,11 @@ struct Library {
     FaultPlan faults;
     Journal journal;
     bool realtime = false;
+    bool fixed_frame = false;  // KR7SIM_FIXED_FRAME: one frame rendered, then repeated
 };
 
 // Reads KR7SIM_SEED, KR7SIM_UNITS, KR7SIM_SCENARIO, KR7SIM_REALTIME,
-// KR7SIM_FAULTS and KR7SIM_JOURNAL into `library`. A problem leaves a message
+// KR7SIM_FIXED_FRAME, KR7SIM_FAULTS and KR7SIM_JOURNAL into `library`. A problem leaves a message
 // in `library.error` (and no units); the journal is opened in any case.
 void Configure(Library& library);
 

@@ -68,8 +68,12 @@ std::string DefaultSerial(uint64_t seed) {
 
 }  // namespace
 
-Unit::Unit(const UnitConfig& config, std::shared_ptr<const Scenario> scenario, bool realtime)
-    : config_(config), scenario_(std::move(scenario)), realtime_(realtime) {
+Unit::Unit(const UnitConfig& config, std::shared_ptr<const Scenario> scenario, bool realtime,
+           bool fixed_frame)
+    : config_(config),
+      scenario_(std::move(scenario)),
+      realtime_(realtime),
+      fixed_frame_(fixed_frame) {
     Rng rng(HashWords(config.seed, kStreamDark));
     dark_offset_ = rng.Uniform(4.0, 8.0);
     serial_ = config.serial.empty() ? DefaultSerial(config.seed) : config.serial;
@@ -275,6 +279,16 @@ uint32_t Unit::TakeFrame(uint64_t epoch, Capture kind, int dose, uint8_t* buffer
     int width = 0, height = 0;
     FrameSize(width, height);
     const bool invert_option = (options_ & FTR_OPTIONS_INVERT_IMAGE) != 0;
+    if (error == 0 && fixed_frame_ && !fixed_.pixels.empty() && fixed_.width == width &&
+        fixed_.height == height && fixed_.kind == kind && fixed_.dose == dose &&
+        fixed_.invert == invert_option) {
+        green_ = red_ = false;
+        std::memcpy(buffer, fixed_.pixels.data(), fixed_.pixels.size());
+        lock.unlock();
+        if (realtime_)
+            std::this_thread::sleep_until(due);
+        return 0;
+    }
     if (error == 0) {
         green_ = red_ = false;  // the capture drives the LEDs itself
         const int dirt = seg.dirt >= 0 ? seg.dirt : config_.dirt;
@@ -303,6 +317,15 @@ uint32_t Unit::TakeFrame(uint64_t epoch, Capture kind, int dose, uint8_t* buffer
         engine->Render(impression.get(), request, buffer);
     }
     ToApiPolarity(buffer, width, height, invert_option);
+    if (fixed_frame_) {
+        Lock relock(mutex_);
+        fixed_.pixels.assign(buffer, buffer + static_cast<size_t>(width) * height);
+        fixed_.width = width;
+        fixed_.height = height;
+        fixed_.dose = dose;
+        fixed_.kind = kind;
+        fixed_.invert = invert_option;
+    }
     return 0;
 }
 

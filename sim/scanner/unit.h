@@ -54,7 +54,11 @@ constexpr uint32_t kKnownOptions = FTR_OPTIONS_CHECK_FAKE_REPLICA |
 
 class Unit {
 public:
-    Unit(const UnitConfig& config, std::shared_ptr<const Scenario> scenario, bool realtime);
+    // `fixed_frame`: the first frame of each kind is rendered and then
+    // handed out again by every later capture of that kind (the scenario
+    // still advances), so that capturing costs only a copy.
+    Unit(const UnitConfig& config, std::shared_ptr<const Scenario> scenario, bool realtime,
+         bool fixed_frame = false);
 
     const UnitConfig& config() const { return config_; }
 
@@ -115,6 +119,14 @@ private:
     UnitConfig config_;
     std::shared_ptr<const Scenario> scenario_;
     bool realtime_;
+    bool fixed_frame_;
+    // The repeated frame of the fixed-frame mode and what it was taken with.
+    struct FixedFrame {
+        std::vector<uint8_t> pixels;  // empty: none yet
+        int width = 0, height = 0, dose = 0;
+        Capture kind = Capture::Finger;
+        bool invert = false;
+    } fixed_;
     double dark_offset_;
 
     std::mutex mutex_;

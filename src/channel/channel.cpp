@@ -2,6 +2,8 @@
 // loop. The image pipeline and delivery are in channel_pipeline.cpp.
 #include "channel/channel.h"
 
+#include <sys/prctl.h>
+
 #include "detection/image_detection.h"
 
 namespace vc {
@@ -386,6 +388,8 @@ ClFrameGrabberChannel::eDelivery ClFrameGrabberChannel::CaptureFrame(
 void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
                                          Nvk::utilities::ClSimpleBitmap& frame) {
     frame.Clear();
+    m_Processed.Clear();
+    m_Result.Clear();
     if (sdk == nullptr) {
         m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
         return;
@@ -401,6 +405,10 @@ unsigned int ClFrameGrabberChannel::Work() {
     if (!m_bRunning) {
         return 0;
     }
+    // The zero-length sleep after each pass below gives the processor away
+    // without a wait; with the default timer slack of 50 us it would cost
+    // far more than the pass. The least slack keeps it a yield.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     ClFramegrabberSDK* const sdk = m_pFramegrabberSDK.load();
     Nvk::utilities::ClSimpleBitmap frame;
 

@@ -173,6 +173,10 @@ protected:
     double m_dAspectRatioX = 1.0;  // under m_Mutex
     double m_dAspectRatioY = 1.0;  // under m_Mutex
     Nvk::utilities::ClSimpleBitmap m_Background;
+    // The worker's own buffers, kept from frame to frame so that a frame
+    // needs no new block: the processed frame and the detector's result.
+    Nvk::utilities::ClSimpleBitmap m_Processed;
+    Nvk::utilities::ClSimpleBitmap m_Result;
     std::atomic<bool> m_bProcessingDirty{true};
     std::atomic<eFilterIDs> m_eFilter{eFilterNone};
     std::atomic<int> m_nCaptureID{-1};

@@ -149,6 +149,10 @@ void ClFrameGrabberChannel::InitializeImageProcessing(bool force) {
     }
     try {
         m_Processor.RemoveAll();
+        // A chain whose steps leave the output alone (a flip or rescale on
+        // its own) must deliver nothing, as with a new bitmap each frame, not
+        // a frame an earlier chain left in the reused one.
+        m_Processed.Clear();
 
         const eFilterIDs filter = m_eFilter;
         if (filter != eFilterNone) {
@@ -245,9 +249,8 @@ void ClFrameGrabberChannel::SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& f
         m_Background = frame;
     }
     InitializeImageProcessing(false);
-    Nvk::utilities::ClSimpleBitmap processed;
-    m_Processor.Execute(frame, processed);
-    Deliver(processed, detect, type);
+    m_Processor.Execute(frame, m_Processed);
+    Deliver(m_Processed, detect, type);
 }
 
 void ClFrameGrabberChannel::Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect,
@@ -272,7 +275,12 @@ void ClFrameGrabberChannel::Deliver(Nvk::utilities::ClSimpleBitmap& image, bool 
         }
         return;
     }
-    Nvk::utilities::ClSimpleBitmap result;
+    // A detector that assigns its output whole gets the worker's result
+    // buffer, whose block then serves every frame; any other gets an empty
+    // bitmap, so that nothing of an earlier frame shows through.
+    Nvk::utilities::ClSimpleBitmap fresh;
+    Nvk::utilities::ClSimpleBitmap& result =
+        m_pDetection && m_pDetection->AssignsOutput() ? m_Result : fresh;
     if (DoDetect(image, result)) {
         if (detectionCallback != nullptr && DetectionResultVisible(result)) {
             detectionCallback(captureId, channelIndex, type, result.Data(), context);

@@ -24,6 +24,12 @@ public:
     // The capture mode the detector serves.
     virtual eCaptureModeIDs Type() const = 0;
 
+    // True when every Detect assigns `output` whole, whatever it held, so
+    // that a caller may hand in the same bitmap frame after frame and have
+    // its block reused; false when Detect may leave `output` as it was, which
+    // then needs an empty bitmap each time.
+    virtual bool AssignsOutput() const { return false; }
+
     // A new detector for `mode`, owned by the caller; null for a mode without
     // a detector (or when no memory is left).
     static ClImageDetection* Create(eCaptureModeIDs mode);
@@ -35,6 +41,7 @@ public:
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
                 Nvk::utilities::ClSimpleBitmap& output) override;
     eCaptureModeIDs Type() const override { return eCaptureLive; }
+    bool AssignsOutput() const override { return true; }
 };
 
 // No frame is a result; images are taken on the host's trigger instead.
@@ -54,6 +61,7 @@ public:
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
                 Nvk::utilities::ClSimpleBitmap& output) override;
     eCaptureModeIDs Type() const override { return eCapturePlainFinger; }
+    bool AssignsOutput() const override { return true; }
 
     // Sums the row in pixel pairs; for an odd width the byte after the last
     // pixel (the row's alignment byte, always present in a bitmap row) is part
@@ -82,6 +90,7 @@ public:
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
                 Nvk::utilities::ClSimpleBitmap& output) override;
     eCaptureModeIDs Type() const override { return eCaptureFastPlainFinger; }
+    bool AssignsOutput() const override { return true; }
 
     // Takes the best image and best sum from the reference, once.
     void Initialize(const Nvk::utilities::ClSimpleBitmap& image);

@@ -22,6 +22,7 @@ public:
     bool Detect(Nvk::utilities::ClSimpleBitmap& input,
                 Nvk::utilities::ClSimpleBitmap& output) override;
     eCaptureModeIDs Type() const override { return eCaptureRolledFinger; }
+    bool AssignsOutput() const override { return true; }
     virtual ClRolledFingerVC1* clone() const;
 
     // Back to waiting for a background; the composed image stays until then.

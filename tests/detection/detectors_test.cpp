@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
 #include "detection/image_detection.h"
 #include "detection/rolled_finger.h"
@@ -19,6 +20,37 @@ TEST(DetectionFactory, OneDetectorPerCaptureMode) {
     }
     std::unique_ptr<ClImageDetection> rolled(ClImageDetection::Create(vc::eCaptureRolledFinger));
     EXPECT_NE(dynamic_cast<vc::ClRolledFingerVC1*>(rolled.get()), nullptr);
+}
+
+// The channel hands detectors that say they assign their output the same
+// result bitmap frame after frame: what an earlier frame left in it must
+// never change what a frame gives. Each detector sees the same sequence once
+// with an empty output every frame and once with one reused output.
+TEST(DetectionFactory, DetectorsThatAssignTheirOutputIgnoreWhatItHeld) {
+    const std::vector<Bitmap> sequence = {
+        frames::Uniform(64, 8, 250),     frames::Band(64, 8, 10, 20, 90),
+        frames::Band(64, 8, 10, 30, 60), frames::Band(64, 8, 20, 40, 40),
+        frames::Uniform(64, 8, 250),     frames::Band(32, 8, 4, 8, 10),
+        frames::Band(64, 8, 0, 64, 0),   frames::Uniform(64, 8, 250)};
+    for (int mode : {0, 1, 2, 3}) {
+        std::unique_ptr<ClImageDetection> fresh(
+            ClImageDetection::Create(static_cast<vc::eCaptureModeIDs>(mode)));
+        std::unique_ptr<ClImageDetection> reused(
+            ClImageDetection::Create(static_cast<vc::eCaptureModeIDs>(mode)));
+        ASSERT_TRUE(fresh->AssignsOutput()) << mode;
+        Bitmap kept = frames::Uniform(100, 3, 7);  // another format, other pixels
+        for (std::size_t i = 0; i < sequence.size(); ++i) {
+            Bitmap a = sequence[i];
+            Bitmap b = sequence[i];
+            Bitmap empty;
+            EXPECT_EQ(fresh->Detect(a, empty), reused->Detect(b, kept)) << mode << " " << i;
+            EXPECT_EQ(empty.Empty(), kept.Empty()) << mode << " " << i;
+            EXPECT_EQ(empty.Width() * 1000 + empty.Height(), kept.Width() * 1000 + kept.Height());
+            EXPECT_TRUE(frames::SamePixels(empty, kept)) << mode << " " << i;
+        }
+    }
+    std::unique_ptr<ClImageDetection> preview(ClImageDetection::Create(vc::eCapturePreview));
+    EXPECT_FALSE(preview->AssignsOutput());  // leaves its output alone
 }
 
 TEST(LiveAndPreview, LiveDeliversEveryFramePreviewNone) {

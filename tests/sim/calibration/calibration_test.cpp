@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <numeric>
@@ -162,6 +163,36 @@ TEST(CalibrateSdk, ExportsAllSixEntriesAndTheTestVariantLacksContamination) {
     EXPECT_EQ(variant.name == nullptr, std::strcmp(#name, "ContaminationDetection") == 0) << #name;
     KR7_CAL_ENTRIES(KR7_PRESENT)
 #undef KR7_PRESENT
+}
+
+// KR7SIM_CAL_COPY: Calibrate copies the top-left rows at the corrected
+// size. The setting is read once per library, so a child process sets it and
+// loads a copy of its own (the variant, which the parent has not loaded).
+bool CopyModeCopiesRows() {
+    setenv("KR7SIM_CAL_COPY", "1", 1);
+    Sdk copying(KR7_CALIBRATE_SDK_NOCONTAM_PATH);
+    const kr7sim::Optics optics = kr7sim::MakeUnitOptics(320, 480, 5);
+    const Bytes record = kr7sim::Serialize(optics);
+    void* handle = copying.CalibrateCreate();
+    bool ok = copying.CalibrateSetData(handle, record.data(), unsigned(record.size())) == 0;
+    Bytes pixels(320 * 480);
+    for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = std::uint8_t(i * 7 + i / 320);
+    Bytes in = ToDib(pixels, 320, 480);
+    const int w = optics.OutputWidth();
+    const int h = optics.OutputHeight();
+    unsigned size = 1064 + Stride(w) * h;
+    Bytes out(size, 0xCD);
+    ok = ok && copying.Calibrate(handle, Dib(in), unsigned(in.size()), Dib(out), &size) == 0;
+    ok = ok && size == 1064 + Stride(w) * h && std::memcmp(&out[4], &w, 4) == 0;
+    for (int y = 0; ok && y < h; ++y)
+        ok = std::memcmp(&out[1064 + y * Stride(w)], &pixels[y * 320], w) == 0;
+    copying.CalibrateDelete(&handle);
+    return ok;
+}
+
+TEST(CalibrateSdk, CopyModeCopiesTheRowsAtTheCorrectedSize) {
+    EXPECT_EXIT(std::_Exit(CopyModeCopiesRows() ? 0 : 1), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(CalibrateSdk, GridComesBackWithinOnePixel) {

@@ -44,8 +44,9 @@ constexpr int kW = 320, kH = 480;
 
 struct Scanner {
     explicit Scanner(const Env& env = {}, const char* path = KR7_SCANNER_PATH) {
-        for (const char* name : {"KR7SIM_SEED", "KR7SIM_UNITS", "KR7SIM_SCENARIO",
-                                 "KR7SIM_REALTIME", "KR7SIM_FAULTS", "KR7SIM_JOURNAL"})
+        for (const char* name :
+             {"KR7SIM_SEED", "KR7SIM_UNITS", "KR7SIM_SCENARIO", "KR7SIM_REALTIME", "KR7SIM_FAULTS",
+              "KR7SIM_JOURNAL", "KR7SIM_FIXED_FRAME"})
             unsetenv(name);
         for (const auto& [key, value] : env)
             setenv(key.c_str(), value.c_str(), 1);
@@ -277,6 +278,35 @@ TEST(ScannerUnit, InterfacesSelectUnitsAndTheMemoryHoldsTheirCalibration) {
     ASSERT_TRUE(s.ftrSetBaseInterface(3));
     ASSERT_TRUE(s.ftrScanGetSerialNumber(s.Open(), serial));
     EXPECT_EQ(std::string(serial, 8), "QWERTYUI");
+}
+
+// KR7SIM_FIXED_FRAME: the first frame of a kind is handed out again by every
+// later capture of that kind while the scenario goes on; another dose is
+// another frame. Without it the finger's press changes the frames.
+TEST(ScannerFrames, FixedFrameModeRepeatsTheFirstFrameWhileTheScenarioRuns) {
+    const Env pressing = {{"KR7SIM_SCENARIO", "place 0.2s; hold 10s"}};
+    Env fixed = pressing;
+    fixed["KR7SIM_FIXED_FRAME"] = "1";
+    std::vector<Frame> taken[2];
+    for (int mode = 0; mode < 2; ++mode) {
+        Scanner s(mode == 0 ? pressing : fixed);
+        FTRHANDLE h = s.Open();
+        for (int i = 0; i < 8; ++i) {
+            Frame frame;
+            ASSERT_EQ(s.Grab(h, frame), 0u);
+            taken[mode].push_back(frame);
+        }
+        Frame a(kW * kH), b(kW * kH);
+        ASSERT_TRUE(s.ftrScanGetImageByVariableDose(h, 120, a.data()));
+        ASSERT_TRUE(s.ftrScanGetImageByVariableDose(h, 120, b.data()));
+        EXPECT_NE(a, taken[mode][0]);
+        EXPECT_EQ(a == b, mode == 1);
+        EXPECT_TRUE(s.ftrScanIsFingerPresent(h, nullptr));
+    }
+    EXPECT_NE(taken[0][0], taken[0][7]);
+    EXPECT_EQ(taken[1][0], taken[0][0]);
+    for (const Frame& frame : taken[1])
+        EXPECT_EQ(frame, taken[1][0]);
 }
 
 TEST(ScannerErrors, LastErrorIsPerThreadAndCapturesKeepTheFramePeriod) {
