@@ -18,11 +18,11 @@
 
 #include "detection/image_detection.h"
 #include "detection/rolled_finger.h"
+#include "support/memcpy_ratio.h"
 
 namespace {
 
 using Bitmap = Nvk::utilities::ClSimpleBitmap;
-using Clock = std::chrono::steady_clock;
 
 // A bright platen (250) with columns [x0, x1) at `value` (a finger).
 Bitmap Frame(long width, long height, long x0 = 0, long x1 = 0, unsigned char value = 250) {
@@ -48,27 +48,9 @@ Bitmap Frame(long width, long height, long x0 = 0, long x1 = 0, unsigned char va
 // block, so that both means come from the same moments of a shared machine.
 void TimeFrames(benchmark::State& state, const Bitmap& reference,
                 const std::function<void()>& prepare, const std::function<void()>& step) {
-    const std::size_t size = static_cast<std::size_t>(reference.FullSize());
-    std::vector<unsigned char> target(size);
-    double stepTotal = 0;
-    double memcpyTotal = 0;
-    for (auto _ : state) {
-        prepare();
-        const auto t0 = Clock::now();
-        std::memcpy(target.data(), reference.Data(), size);
-        benchmark::ClobberMemory();
-        const auto t1 = Clock::now();
-        step();
-        benchmark::ClobberMemory();
-        const auto t2 = Clock::now();
-        const double seconds = std::chrono::duration<double>(t2 - t1).count();
-        state.SetIterationTime(seconds);
-        stepTotal += seconds;
-        memcpyTotal += std::chrono::duration<double>(t1 - t0).count();
-    }
-    const double iterations = static_cast<double>(state.iterations());
-    state.counters["memcpy_ns"] = memcpyTotal * 1e9 / iterations;
-    state.counters["x_memcpy"] = stepTotal / memcpyTotal;
+    kr7bench::TimeAgainstMemcpy(state, reference.Data(),
+                                static_cast<std::size_t>(reference.FullSize()), prepare, step)
+        .Report(state);
 }
 
 void Nothing() {}

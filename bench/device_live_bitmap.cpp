@@ -35,10 +35,10 @@
 #include "device/calibration_binding.h"
 #include "device/norvak_kr7_sdk.h"
 #include "support/allocation_count.h"
+#include "support/memcpy_ratio.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Nvk::utilities::ClSimpleBitmap;
 
 // The SDK with an activated channel, a raw frame of the scanner's size and
@@ -95,31 +95,17 @@ void TimeSteps(benchmark::State& state, const std::function<void()>& step) {
         return;
     }
     const std::size_t size = device->RawSize();
-    std::vector<unsigned char> target(size);
     for (int i = 0; i < 10; ++i) {  // warm-up: buffers sized, pages touched
         step();
     }
-    double stepTotal = 0;
-    double memcpyTotal = 0;
-    const unsigned long long allocations0 = kr7bench::AllocationCount();
-    for (auto _ : state) {
-        const auto t0 = Clock::now();
-        std::memcpy(target.data(), device->raw.Data(), size);
-        benchmark::ClobberMemory();
-        const auto t1 = Clock::now();
-        step();
-        benchmark::ClobberMemory();
-        const auto t2 = Clock::now();
-        const double seconds = std::chrono::duration<double>(t2 - t1).count();
-        state.SetIterationTime(seconds);
-        stepTotal += seconds;
-        memcpyTotal += std::chrono::duration<double>(t1 - t0).count();
-    }
-    const double iterations = static_cast<double>(state.iterations());
+    unsigned long long allocations0 = 0;
+    const kr7bench::MemcpyRatio ratio =
+        kr7bench::TimeAgainstMemcpy(state, device->raw.Data(), size, nullptr, step,
+                                    [&] { allocations0 = kr7bench::AllocationCount(); });
+    const unsigned long long allocations = kr7bench::AllocationCount() - allocations0;
+    ratio.Report(state);
     state.counters["allocs_per_frame"] =
-        static_cast<double>(kr7bench::AllocationCount() - allocations0) / iterations;
-    state.counters["memcpy_ns"] = memcpyTotal * 1e9 / iterations;
-    state.counters["x_memcpy"] = stepTotal / memcpyTotal;
+        static_cast<double>(allocations) / static_cast<double>(state.iterations());
     state.SetLabel(std::to_string(device->raw.Width()) + "x" +
                    std::to_string(device->raw.Height()));
 }
