@@ -44,6 +44,27 @@
 // worker during a capture, the host's own thread inside GetImage. No
 // callback is made while the plug-in holds the scanner, so a callback may
 // call the plug-in, and a slow callback delays that channel's next frame.
+// StartCapture and StopCapture of one channel from two threads at once take
+// turns: the second waits until the first has started or joined the worker.
+// SetCallbacks may be called from inside the start or stop callback; a
+// callback already under way finishes with the pointer it was called through.
+//
+// Calls out of order and values out of range. An operation before
+// Initizalize works, only without logging; Initizalize a second time changes
+// nothing and returns 0; StopCapture with nothing capturing returns 0.
+// Values outside an enumeration or range fail with the list's number: 3
+// camera, 9 colour mode, 10 capture mode not listed (51 when no detector
+// exists for it, as for any value outside the enumeration), 11 filter, 12
+// property, 18 read-only property, 25 aspect ratio below 1 or not a number,
+// 4 any channel but 1, 23 a null pointer where the plug-in must write.
+//
+// Callbacks that throw. Nothing a callback throws leaves the plug-in's
+// worker thread. An exception from an image or result callback (or from the
+// start callback) ends that capture as a device error would: the error
+// callback gets its what() text, or "Framegrabber Unknown error" for
+// something that is no std::exception, then the stop callback comes. What
+// the error, warning or stop callback throws is dropped. The channel reads
+// as capturing until the host calls StopCapture, and starts again normally.
 #pragma once
 
 #include <cstddef>

@@ -2,9 +2,11 @@
 // loop. The image pipeline and delivery are in channel_pipeline.cpp.
 #include "channel/channel.h"
 
+#include <cxxabi.h>
 #include <sys/prctl.h>
 
 #include "detection/image_detection.h"
+#include "util/logging_client.h"
 
 namespace vc {
 
@@ -83,16 +85,14 @@ void ClFrameGrabberChannel::CXCallbacks::Set(FGStartCallback start, FGStopCallba
 
 void ClFrameGrabberChannel::CXCallbacks::Call(FGStartCallback CXCallbacks::*which, int captureId,
                                               unsigned int channelIndex, void* context) {
+    // Not called under the mutex: the host may set the callbacks from
+    // inside this one.
     pthread_mutex_lock(&m_Mutex);
-    try {
-        if (this->*which != nullptr) {
-            (this->*which)(captureId, channelIndex, context);
-        }
-    } catch (...) {
-        pthread_mutex_unlock(&m_Mutex);
-        throw;
-    }
+    const FGStartCallback callback = this->*which;
     pthread_mutex_unlock(&m_Mutex);
+    if (callback != nullptr) {
+        callback(captureId, channelIndex, context);
+    }
 }
 
 void ClFrameGrabberChannel::CXCallbacks::OnStart(int captureId, unsigned int channelIndex,
@@ -162,18 +162,44 @@ ClFrameGrabberChannel::~ClFrameGrabberChannel() {
 
 // ---- start and stop -------------------------------------------------------
 
+ClFrameGrabberChannel::CXTurn::CXTurn(ClFrameGrabberChannel& channel) : m_rChannel(channel) {
+    const pthread_t self = pthread_self();
+    std::unique_lock<std::mutex> lock(channel.m_TurnMutex);
+    if (channel.m_TurnOwner != pthread_t{} && pthread_equal(channel.m_TurnOwner, self) != 0) {
+        m_bNested = true;
+        return;
+    }
+    channel.m_TurnFree.wait(lock, [&] { return channel.m_TurnOwner == pthread_t{}; });
+    channel.m_TurnOwner = self;
+}
+
+ClFrameGrabberChannel::CXTurn::~CXTurn() {
+    if (m_bNested) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_rChannel.m_TurnMutex);
+        m_rChannel.m_TurnOwner = pthread_t{};
+    }
+    m_rChannel.m_TurnFree.notify_all();
+}
+
 bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FGImageCallback image,
                                          FGResultCallback detection, FGErrorCallback error,
                                          FGWarningCallback warning, void* context) {
-    if (IsCurrentThread()) {
-        return true;
-    }
     // From a host callback on the worker: the worker cannot replace itself.
+    // Checked before the turn, which the thread stopping this worker holds.
     if (IsWorkerThread()) {
         return false;
     }
-    SetCurrentThread();
+    CXTurn turn(*this);
+    if (IsCurrentThread()) {
+        return true;
+    }
     StopCapture();
+    // The owner is recorded after the stop, which forgets the owner of the
+    // capture it ends.
+    SetCurrentThread();
     try {
         SetDetection(mode);
     } catch (...) {
@@ -190,11 +216,13 @@ bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FG
     m_fpErrorCallback = error;
     m_fpWarningCallback = warning;
     m_pContext = context;
+    m_bWorkerActive = true;
     m_bRunning = true;
     if (!Start()) {
         // No thread to join: the channel must not read as running, or the
         // next StopCapture would wait for a thread that never existed.
         m_bRunning = false;
+        m_bWorkerActive = false;
         m_OwnerThread = pthread_t();
         return false;
     }
@@ -211,11 +239,13 @@ bool ClFrameGrabberChannel::StopCapture() {
         m_OwnerThread = pthread_t();
         return !m_bRunning.exchange(false);
     }
+    CXTurn turn(*this);
     const bool wasRunning = m_bRunning.exchange(false);
     if (!wasRunning && !IsJoinable()) {
         return true;
     }
     StopMsg();
+    m_bWorkerActive = false;
     m_nCaptureID = -1;
     m_fpImageCallback = nullptr;
     m_fpErrorCallback = nullptr;
@@ -276,11 +306,13 @@ void ClFrameGrabberChannel::SetSDKData(ClFrameGrabberChannelSDKData* data) {
 }
 
 eCaptureModeIDs ClFrameGrabberChannel::GetCaptureMode() const {
+    std::lock_guard<std::mutex> lock(m_DetectionMutex);
     return m_pDetection ? m_pDetection->Type() : eCaptureLive;
 }
 
 bool ClFrameGrabberChannel::DoDetect(Nvk::utilities::ClSimpleBitmap& image,
                                      Nvk::utilities::ClSimpleBitmap& result) {
+    std::lock_guard<std::mutex> lock(m_DetectionMutex);
     return m_pDetection ? m_pDetection->Detect(image, result) : false;
 }
 
@@ -310,26 +342,48 @@ bool ClNorvakKR7Channel::DoImageProcessing() const {
 
 // ---- the worker loop ------------------------------------------------------
 
+// Nothing may leave the worker thread: an exception that got out of Work()
+// would end the host's process. A thread being cancelled or exited unwinds
+// with an exception that must go on, though.
+template <class Report>
+void ClFrameGrabberChannel::ReportSafely(Report&& report) {
+    try {
+        report();
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        Nvk::utilities::Log(3, "Capture channel %u: a host callback threw an exception",
+                            m_nChannelIndex.load());
+    }
+}
+
 // Runs one guarded step of the loop and turns what it throws into the
 // host's warning or error callback. Warnings are reported as such only
-// where the loop goes on after them; elsewhere they count as errors.
+// where the loop goes on after them; elsewhere they count as errors. An
+// exception of no known kind (one the host's callback threw) is an error
+// without a text.
 template <class Step>
 ClFrameGrabberChannel::eOutcome ClFrameGrabberChannel::Guarded(Step&& step, bool warningsGoOn) {
     try {
         step();
         return eOutcome::Done;
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (const ClVCWarning& warning) {
         if (!warningsGoOn) {
-            ReportError(warning);
+            ReportSafely([&] { ReportError(warning); });
             return eOutcome::Failed;
         }
-        SendWarning(warning.What(), warning.GetErrorNumber());
+        ReportSafely([&] { SendWarning(warning.What(), warning.GetErrorNumber()); });
         return eOutcome::Warned;
     } catch (const Nvk::ClNorvakException& error) {
-        ReportError(error);
+        ReportSafely([&] { ReportError(error); });
         return eOutcome::Failed;
     } catch (const std::exception& error) {
-        SendError(error.what(), err::kOther);
+        ReportSafely([&] { SendError(error.what(), err::kOther); });
+        return eOutcome::Failed;
+    } catch (...) {
+        ReportSafely([&] { SendError("Framegrabber Unknown error", err::kOther); });
         return eOutcome::Failed;
     }
 }
@@ -390,19 +444,24 @@ void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
     frame.Clear();
     m_Processed.Clear();
     m_Result.Clear();
-    if (sdk == nullptr) {
-        m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
-        return;
+    // A device that fails to stop is reported; the host's stop callback
+    // comes in any case, so that each start has its stop.
+    if (sdk != nullptr) {
+        Guarded(
+            [&] {
+                UnderDeviceLock(*sdk, [&] {
+                    sdk->StopLiveCapturing(*this);
+                    sdk->UninitializeSDK(*this);
+                });
+            },
+            false);
     }
-    UnderDeviceLock(*sdk, [&] {
-        sdk->StopLiveCapturing(*this);
-        sdk->UninitializeSDK(*this);
-    });
-    m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext);
+    ReportSafely([&] { m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext); });
 }
 
 unsigned int ClFrameGrabberChannel::Work() {
     if (!m_bRunning) {
+        m_bWorkerActive = false;
         return 0;
     }
     // The zero-length sleep after each pass below gives the processor away
@@ -440,6 +499,7 @@ unsigned int ClFrameGrabberChannel::Work() {
         }
     }
     StopSequence(sdk, frame);
+    m_bWorkerActive = false;
     return 0;
 }
 

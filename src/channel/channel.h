@@ -2,20 +2,26 @@
 // frame, runs the image pipeline and the finger detector and hands images,
 // results, errors and warnings to the host's callbacks.
 //
-// Threads. The host's thread calls StartCapture, StopCapture and the
-// setters; the worker runs Work() and makes every host callback. What the
-// two share is race-free: flags and scalar settings are atomics, the camera,
-// resolution and aspect ratio (read together when the chain is rebuilt) sit
-// under the channel mutex, and the capture id, callbacks and context are
-// atomics written only while no worker runs (before the thread starts or
-// after it has been joined). The background, the processor chain and the
-// detector belong to the worker while it runs and to the host otherwise.
+// Threads. Host threads call StartCapture, StopCapture and the setters,
+// several at once if they like; the worker runs Work() and makes every host
+// callback. What they share is race-free: flags and scalar settings are
+// atomics, the camera, resolution and aspect ratio (read together when the
+// chain is rebuilt) sit under the channel mutex, and the capture id,
+// callbacks and context are atomics written only while no worker runs.
+// Starts and stops of one channel take turns: a second host thread waits
+// until the first has created or joined the worker (no lock is held while
+// it joins). The detector is used and replaced under a mutex of its own;
+// the processor chain and its buffers belong to the worker while one
+// exists, so a host thread's change of the chain then only marks it for
+// rebuilding at the next frame. No lock is held while a host callback runs.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -33,8 +39,10 @@ class ClImageDetection;
 
 class ClFrameGrabberChannel : public CWin32Thread {
 public:
-    // The host's start and stop callbacks, each called under a mutex of
-    // their own so that Set cannot swap them while one runs.
+    // The host's start and stop callbacks. The pair is read under a mutex
+    // of its own and called after it has been released, so that a callback
+    // may set the callbacks itself; a callback already under way finishes
+    // with the pointer it was called through.
     class CXCallbacks {
     public:
         CXCallbacks();
@@ -73,7 +81,8 @@ public:
     // and changes nothing; one from the worker itself (a host callback)
     // returns false and changes nothing; otherwise a running capture is
     // stopped first. Returns whether the thread started; a failing
-    // SetDetection throws before it does.
+    // SetDetection throws before it does. Waits while another host thread
+    // starts or stops this channel.
     virtual bool StartCapture(int captureId, eCaptureModeIDs mode, FGImageCallback image,
                               FGResultCallback detection, FGErrorCallback error,
                               FGWarningCallback warning, void* context);
@@ -81,14 +90,17 @@ public:
     // false when a capture was stopped. Called on the worker itself (from a
     // host callback) it only asks the loop to end; the thread is joined by
     // the next StartCapture or StopCapture from another thread, which also
-    // joins a worker that has ended on its own.
+    // joins a worker that has ended on its own. Waits while another host
+    // thread starts or stops this channel.
     virtual bool StopCapture();
     // Reports to the host's error callback; a null text is sent as
     // "Framegrabber error". The code stays inside the plug-in.
     virtual void SendError(const char* text, long code);
     // Reports to the host's warning callback; the code stays inside.
     virtual void SendWarning(const char* text, long code);
-    // Adds the flip processor when the camera asks for a flip.
+    // Adds the flip processor when the camera asks for a flip. Called by a
+    // host thread while a worker exists, it marks the chain for rebuilding
+    // instead (the rebuilt chain flips as the camera asks).
     virtual void SetImageFlipPrecessing();
     // Running: the next frame becomes the background. Idle: takes one
     // unfiltered image through `grabber` as the background.
@@ -103,15 +115,22 @@ public:
     void SetCamera(eCameraIDs camera, eColorModeIDs mode);
     void SetAspectRatio(double x, double y);
     void SetResolution(const ClImageResolution& resolution);
+    // Replaces the detector; also while frames flow (the next frame meets
+    // the new one).
     void SetDetection(eCaptureModeIDs mode);
     void SetCallbacks(FGStartCallback start, FGStopCallback stop);
 
     // Rebuilds the processor chain when a setting changed or when forced.
+    // Called by a host thread while a worker exists, it only marks the chain
+    // for rebuilding (when forced): the worker rebuilds it at its next frame
+    // and reports a failure to the host's error callback.
     void InitializeImageProcessing(bool force);
     // Runs the chain (when the channel processes images) and the detector on
     // `frame` and calls the host's image and detection callbacks. `detect`
     // is false when the device has already detected the finger itself.
     void SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& frame, bool detect);
+    // The detector's answer for `image`; false without a detector. Any
+    // thread, also while frames flow.
     bool DoDetect(Nvk::utilities::ClSimpleBitmap& image, Nvk::utilities::ClSimpleBitmap& result);
 
     void SetCurrentThread();
@@ -191,8 +210,36 @@ protected:
     CXCallbacks m_Callbacks;
     mutable pthread_mutex_t m_Mutex;
     std::atomic<bool> m_bTriggerRequested{false};
+    // The detector is read, used and replaced under this mutex.
+    mutable std::mutex m_DetectionMutex;
+    // The processor chain, the processed frame and the background are
+    // changed under this one (recursive: a rebuild calls the virtual hooks,
+    // which may add to the chain).
+    std::recursive_mutex m_ChainMutex;
+    // From just before a worker is created until it leaves Work() or is
+    // joined: the chain then belongs to the worker.
+    std::atomic<bool> m_bWorkerActive{false};
 
 private:
+    // One host thread at a time starts or stops the channel. The turn is not
+    // a lock held across the join: a second thread waits on the condition
+    // until the first is done, and the thread that has the turn may take
+    // it again (StartCapture stops through the virtual StopCapture).
+    class CXTurn {
+    public:
+        explicit CXTurn(ClFrameGrabberChannel& channel);
+        ~CXTurn();
+        CXTurn(const CXTurn&) = delete;
+        CXTurn& operator=(const CXTurn&) = delete;
+
+    private:
+        ClFrameGrabberChannel& m_rChannel;
+        bool m_bNested = false;
+    };
+    std::mutex m_TurnMutex;
+    std::condition_variable m_TurnFree;
+    pthread_t m_TurnOwner{};  // under m_TurnMutex; zero while nobody has the turn
+
     enum class eOutcome { Done, Warned, Failed };
     // What a pass over the device took: nothing, a frame the device itself
     // found a finger on, a triggered frame or a live frame.
@@ -205,6 +252,14 @@ private:
     eDelivery CaptureFrame(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
     void StopSequence(ClFramegrabberSDK* sdk, Nvk::utilities::ClSimpleBitmap& frame);
     void Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect, eCaptureModeIDs type);
+    void RebuildChain(bool force);
+    // Whether the chain must be left to the worker: a worker exists and the
+    // caller is not it.
+    bool ChainBelongsToWorker() const;
+    // Calls the host through `report`; whatever the host's callback throws
+    // stays here.
+    template <class Report>
+    void ReportSafely(Report&& report);
     void CopySettings(const ClFrameGrabberChannel& other);
 };
 

@@ -17,12 +17,15 @@ namespace {
     throw ClVCException(err::kNoStorageText, err::kNoStorage);
 }
 
-// A new object; running out of memory is the host's error 51.
+// A new object; running out of memory is the host's error 51, whether the
+// allocator says so or an object whose own block could not be had.
 template <class T, class... Args>
 std::unique_ptr<T> MakeOr51(Args&&... args) {
     try {
         return std::unique_ptr<T>(new T(std::forward<Args>(args)...));
     } catch (const std::bad_alloc&) {
+        ThrowNoStorage();
+    } catch (const Nvk::CXMemoryAllocException&) {
         ThrowNoStorage();
     }
 }
@@ -90,16 +93,21 @@ void ClFrameGrabberChannel::SetResolution(const ClImageResolution& resolution) {
 }
 
 void ClFrameGrabberChannel::SetDetection(eCaptureModeIDs mode) {
-    ClImageDetection* detection = nullptr;
+    // Made outside the mutex; the old detector is deleted outside it too.
+    std::unique_ptr<ClImageDetection> detection;
     try {
-        detection = ClImageDetection::Create(mode);
+        detection.reset(ClImageDetection::Create(mode));
     } catch (const std::bad_alloc&) {
         ThrowNoStorage();
+    } catch (const Nvk::CXMemoryAllocException&) {
+        ThrowNoStorage();
     }
-    if (detection != m_pDetection.get()) {
-        m_pDetection.reset(detection);
+    const bool none = !detection;
+    {
+        std::lock_guard<std::mutex> lock(m_DetectionMutex);
+        m_pDetection.swap(detection);
     }
-    if (!m_pDetection) {
+    if (none) {
         ThrowNoStorage();
     }
 }
@@ -124,11 +132,15 @@ void ClFrameGrabberChannel::RefreshBackGround(ClFramegrabber& grabber) {
     }
 
     // The temporary only lends its block to the copy: the image goes back
-    // to the grabber, which allocated it.
+    // to the grabber, which allocated it. A capture started meanwhile by
+    // another host thread takes its own background.
     Nvk::utilities::ClSimpleBitmap snapped;
     snapped.Attach(reinterpret_cast<tagBITMAPINFOHEADER*>(image));
     try {
-        m_Background = snapped;
+        std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+        if (!ChainBelongsToWorker()) {
+            m_Background = snapped;
+        }
     } catch (...) {
         snapped.Detach();
         grabber.FreeImage(image);
@@ -141,7 +153,23 @@ void ClFrameGrabberChannel::RefreshBackGround(ClFramegrabber& grabber) {
 
 // ---- the processor chain --------------------------------------------------
 
+bool ClFrameGrabberChannel::ChainBelongsToWorker() const {
+    return m_bWorkerActive && !IsWorkerThread();
+}
+
 void ClFrameGrabberChannel::InitializeImageProcessing(bool force) {
+    std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+    if (ChainBelongsToWorker()) {
+        if (force) {
+            m_bProcessingDirty = true;
+        }
+        return;
+    }
+    RebuildChain(force);
+}
+
+// The chain mutex is held.
+void ClFrameGrabberChannel::RebuildChain(bool force) {
     // Cleared before the settings are read, so that a setter that runs while
     // the chain is being built leaves it dirty for the next frame.
     if (!m_bProcessingDirty.exchange(false) && !force) {
@@ -160,6 +188,8 @@ void ClFrameGrabberChannel::InitializeImageProcessing(bool force) {
             try {
                 object.reset(ClVCImageFilter::Create(filter));
             } catch (const std::bad_alloc&) {
+                ThrowNoStorage();
+            } catch (const Nvk::CXMemoryAllocException&) {
                 ThrowNoStorage();
             }
             if (!object) {
@@ -198,6 +228,11 @@ void ClFrameGrabberChannel::InitializeImageProcessing(bool force) {
 }
 
 void ClFrameGrabberChannel::SetImageFlipPrecessing() {
+    std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+    if (ChainBelongsToWorker()) {
+        m_bProcessingDirty = true;
+        return;
+    }
     bool flip1 = false;
     bool flip2 = false;
     {
@@ -245,11 +280,16 @@ void ClFrameGrabberChannel::SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& f
         Deliver(frame, detect, type);
         return;
     }
-    if (m_bRefreshBackground.exchange(false)) {
-        m_Background = frame;
+    {
+        // The host gets the processed frame after the mutex is released:
+        // host threads leave the chain and its buffers to this worker.
+        std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+        if (m_bRefreshBackground.exchange(false)) {
+            m_Background = frame;
+        }
+        RebuildChain(false);
+        m_Processor.Execute(frame, m_Processed);
     }
-    InitializeImageProcessing(false);
-    m_Processor.Execute(frame, m_Processed);
     Deliver(m_Processed, detect, type);
 }
 
@@ -279,9 +319,19 @@ void ClFrameGrabberChannel::Deliver(Nvk::utilities::ClSimpleBitmap& image, bool 
     // buffer, whose block then serves every frame; any other gets an empty
     // bitmap, so that nothing of an earlier frame shows through.
     Nvk::utilities::ClSimpleBitmap fresh;
-    Nvk::utilities::ClSimpleBitmap& result =
-        m_pDetection && m_pDetection->AssignsOutput() ? m_Result : fresh;
-    if (DoDetect(image, result)) {
+    bool detected = false;
+    Nvk::utilities::ClSimpleBitmap* output = &fresh;
+    {
+        std::lock_guard<std::mutex> lock(m_DetectionMutex);
+        if (m_pDetection) {
+            if (m_pDetection->AssignsOutput()) {
+                output = &m_Result;
+            }
+            detected = m_pDetection->Detect(image, *output);
+        }
+    }
+    Nvk::utilities::ClSimpleBitmap& result = *output;
+    if (detected) {
         if (detectionCallback != nullptr && DetectionResultVisible(result)) {
             detectionCallback(captureId, channelIndex, type, result.Data(), context);
         }

@@ -1,5 +1,6 @@
 #include "channel/worker_thread.h"
 
+#include <cxxabi.h>
 #include <sched.h>
 #include <signal.h>
 #include <time.h>
@@ -44,7 +45,16 @@ bool CXWorkerThread::Start() {
 void* CXWorkerThread::Run(void* self) {
     CXWorkerThread* const thread = static_cast<CXWorkerThread*>(self);
     thread->m_WorkerId.store(pthread_self());
-    const unsigned int result = thread->Work();
+    unsigned int result = 0;
+    try {
+        result = thread->Work();
+    } catch (abi::__forced_unwind&) {
+        throw;  // the thread is being cancelled or exits
+    } catch (...) {
+        // An exception leaving a thread's function ends the process; the
+        // thread ends with the exit value of a failed body instead.
+        result = static_cast<unsigned int>(-1);
+    }
     return reinterpret_cast<void*>(static_cast<std::uintptr_t>(result));
 }
 

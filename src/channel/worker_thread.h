@@ -30,7 +30,8 @@ public:
     virtual void* Stop();
     // Sends SIGTERM to the thread; always true.
     virtual bool Kill();
-    // The thread body; its result becomes the thread's exit value.
+    // The thread body; its result becomes the thread's exit value (0xFFFFFFFF
+    // when it throws: nothing it throws leaves the thread).
     virtual unsigned int Work() = 0;
     // Stack size in bytes, 0 for the library's default.
     virtual std::size_t GetStackSize() const { return 0x100000; }

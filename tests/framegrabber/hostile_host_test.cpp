@@ -1,0 +1,154 @@
+// The facade against the virtual scanner, driven the way careless hosts
+// drive it: calls out of order and from two threads at once.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "framegrabber/norvak_kr7_framegrabber.h"
+
+namespace {
+
+using vc::ClNorvakKR7Framegrabber;
+constexpr unsigned int kFlag = vc::FGERR_FLAG;
+
+template <class Done>
+bool Eventually(Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return done();
+}
+
+// Counts what a capture delivers; a callback that arrives while no capture
+// should be running is counted apart.
+struct Counter {
+    std::atomic<int> images{0};
+    std::atomic<int> errors{0};
+    std::atomic<int> starts{0};
+    std::atomic<int> stops{0};
+
+    static Counter& Of(void* user) { return *static_cast<Counter*>(user); }
+    static void OnImage(int, unsigned int, unsigned char*, void* user) { ++Of(user).images; }
+    static void OnError(int, unsigned int, const char*, void* user) { ++Of(user).errors; }
+    static void OnStart(int, unsigned int, void* user) { ++Of(user).starts; }
+    static void OnStop(int, unsigned int, void* user) { ++Of(user).stops; }
+
+    unsigned int Start(vc::ClFramegrabber& fg, vc::eCaptureModeIDs mode = vc::eCaptureLive) {
+        fg.SetCallbacks(1, &OnStart, &OnStop);
+        return fg.StartCapture(1, 1, mode, &OnImage, nullptr, &OnError, nullptr, this);
+    }
+    bool FramesFlow() const {
+        const int before = images;
+        return Eventually([&] { return images.load() > before + 1; });
+    }
+};
+
+class Virtual_HostileHost : public ::testing::Test {
+protected:
+    // Outlives the capture, which TearDown ends.
+    Counter counter;
+    ClNorvakKR7Framegrabber fg{nullptr};
+
+    void TearDown() override {
+        fg.StopCapture(1);
+        fg.Uninitialize();
+    }
+};
+
+TEST_F(Virtual_HostileHost, CallsOutOfOrder) {
+    // A capture before Initizalize runs; Initizalize during it, and a
+    // second time, change nothing for it.
+    ASSERT_EQ(0u, counter.Start(fg));
+    ASSERT_TRUE(counter.FramesFlow());
+    EXPECT_EQ(0u, fg.Initizalize(nullptr));
+    EXPECT_EQ(0u, fg.Initizalize(nullptr));
+    ASSERT_TRUE(counter.FramesFlow());
+    EXPECT_EQ(0, counter.errors.load());
+
+    // Uninitialize ends the capture; stopping it afterwards is harmless,
+    // and everything works again afterwards, also a second Uninitialize.
+    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(counter.starts.load(), counter.stops.load());
+    EXPECT_EQ(0u, fg.StopCapture(1));
+    EXPECT_EQ(0u, fg.StopCapture(1));
+    unsigned int value = 0;
+    EXPECT_EQ(0u, fg.SetFGProperty(vc::ePropRedLED, 1));
+    EXPECT_EQ(0u, fg.GetFGProperty(vc::ePropRedLED, value));
+    ASSERT_EQ(0u, counter.Start(fg, vc::eCapturePlainFinger));
+    ASSERT_TRUE(counter.FramesFlow());
+    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(0, counter.errors.load());
+    EXPECT_EQ(2, counter.stops.load());
+
+    // Values no enumeration or range holds are refused with their number
+    // and leave the frame grabber as it was.
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_EQ(kFlag | 25, fg.SetAspectRatio(1, nan, 1.0));
+    EXPECT_EQ(kFlag | 25, fg.SetAspectRatio(1, 1.0, -INFINITY));
+    EXPECT_EQ(kFlag | 12, fg.SetFGProperty(static_cast<vc::ePropertyIDs>(-1), 1));
+    EXPECT_EQ(kFlag | 3, fg.SetCamera(1, static_cast<vc::eCameraIDs>(-7), vc::eColorGray8));
+    EXPECT_EQ(kFlag | 51, fg.StartCapture(1, 1, static_cast<vc::eCaptureModeIDs>(-1), nullptr,
+                                          nullptr, nullptr, nullptr, nullptr));
+    ASSERT_EQ(0u, counter.Start(fg));
+    ASSERT_TRUE(counter.FramesFlow());
+}
+
+TEST_F(Virtual_HostileHost, TwoHostThreadsCallAtOnce) {
+    std::atomic<bool> done{false};
+    std::atomic<int> unexpected{0};
+    const auto expect = [&](unsigned int result, unsigned int allowed = 0) {
+        if (result != 0 && result != allowed) {
+            ++unexpected;
+        }
+    };
+
+    // One thread starts and stops captures in both modes; the other sets,
+    // reads and asks for the last error meanwhile.
+    std::thread starter([&] {
+        for (int i = 0; i < 600; ++i) {
+            expect(counter.Start(fg, i % 2 ? vc::eCapturePlainFinger : vc::eCaptureLive));
+            if (i % 100 == 0) {
+                counter.FramesFlow();
+            }
+            expect(fg.StopCapture(1));
+        }
+        done = true;
+    });
+    int rounds = 0;
+    while (!done) {
+        unsigned int value = 0;
+        unsigned long size = 0;
+        expect(fg.SetCamera(1, vc::eCameraKR7, vc::eColorGray8));
+        expect(fg.SetFilter(1, vc::eFilterNone));
+        expect(fg.SetResolution(1, vc::ClImageResolution(500, 500)));
+        expect(fg.SetAspectRatio(1, 1.0, 1.0));
+        expect(fg.Freeze(1, false));
+        expect(fg.SetFGProperty(vc::ePropGreenLED, static_cast<unsigned int>(rounds % 2)));
+        expect(fg.GetFGProperty(vc::ePropRedLED, value));
+        expect(fg.SetFGProperty(static_cast<vc::ePropertyIDs>(99), 1), kFlag | 12);
+        expect(fg.GetLastError(nullptr, size), kFlag | 17);
+        std::string text(size, '\0');
+        expect(fg.GetLastError(&text[0], size));
+        expect(fg.GetInfo(nullptr, size), kFlag | 17);
+        ++rounds;
+    }
+    starter.join();
+    EXPECT_GT(rounds, 0);
+    EXPECT_EQ(0, unexpected.load());
+    EXPECT_EQ(0, counter.errors.load());
+    EXPECT_EQ(counter.starts.load(), counter.stops.load());
+
+    // Both threads are done: the frame grabber still captures.
+    ASSERT_EQ(0u, counter.Start(fg));
+    EXPECT_TRUE(counter.FramesFlow());
+}
+
+}  // namespace
