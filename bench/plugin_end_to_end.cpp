@@ -18,8 +18,6 @@
 //   while the plug-in captures at full speed (steady state);
 // - plugin_us = total_us - device_us - calibration_us, and its ratio to
 //   memcpy_us (all medians over the samples);
-// - sleep0_us: the zero-length sleep the worker takes after each pass, at
-//   the least timer slack, which is part of the plug-in's share;
 // - allocs_per_frame: heap allocations of the whole process per frame in
 //   the steady state (counted by the replaced operator new of
 //   support/allocation_count.cpp; the plug-in and the stand-ins use it too);
@@ -41,7 +39,6 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -436,24 +433,8 @@ void MeasureStandIns(const StandIns& s, const Mode& mode, Size size, Report& rep
         calibration_s, copies);
     calDelete(&cal);
 
-    // The worker's zero-length sleep after each pass, at the least timer
-    // slack as the worker runs it; part of the plug-in's share.
-    std::vector<double> yield_s;
-    std::vector<double> more;
-    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
-    TimeWithFloor(
-        300, pixels,
-        [] {
-            timespec zero{};
-            nanosleep(&zero, nullptr);
-        },
-        yield_s, more);
-    prctl(PR_SET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL);  // back to the default
-    copies.insert(copies.end(), more.begin(), more.end());
-
     report.Add("device_us", Percentile(device_s, 0.5) * 1e6);
     report.Add("calibration_us", Percentile(calibration_s, 0.5) * 1e6);
-    report.Add("sleep0_us", Percentile(yield_s, 0.5) * 1e6);
     report.Add("memcpy_us", Percentile(copies, 0.5) * 1e6);
     report.Add("memcpy_mean_us", Mean(copies) * 1e6);
 }
@@ -659,11 +640,10 @@ void PrintSteady(const std::string& json, const Mode& mode, Size size) {
         Field(json, "total_us") - Field(json, "device_us") - Field(json, "calibration_us");
     std::printf(
         "%-13s %4dx%-4d memcpy %5.2f us  device %5.2f  calibration %5.2f  total %6.2f  "
-        "plug-in %6.2f us = %5.2f x memcpy (sleep(0) %5.2f us, without it %5.2f x)  "
+        "plug-in %6.2f us = %5.2f x memcpy  "
         "allocs/frame %.3f  first frame %.2f ms  stop %.3f ms (max %.3f)\n",
         mode.name, size.width, size.height, memcpyUs, Field(json, "device_us"),
         Field(json, "calibration_us"), Field(json, "total_us"), plugin, plugin / memcpyUs,
-        Field(json, "sleep0_us"), (plugin - Field(json, "sleep0_us")) / memcpyUs,
         Field(json, "allocs_per_frame"), Field(json, "first_frame_ms"), Field(json, "stop_ms"),
         Field(json, "stop_max_ms"));
 }

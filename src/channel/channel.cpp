@@ -459,14 +459,20 @@ void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
     ReportSafely([&] { m_Callbacks.OnStop(m_nCaptureID, m_nChannelIndex, m_pContext); });
 }
 
+namespace {
+// Yields after a pass while a host thread waits for the device lock; beyond
+// these the worker waits for the lock like anyone else.
+constexpr int kMaxYields = 50;
+}  // namespace
+
 unsigned int ClFrameGrabberChannel::Work() {
     if (!m_bRunning) {
         m_bWorkerActive = false;
         return 0;
     }
-    // The zero-length sleep after each pass below gives the processor away
-    // without a wait; with the default timer slack of 50 us it would cost
-    // far more than the pass. The least slack keeps it a yield.
+    // The zero-length sleeps below give the processor away without a wait;
+    // with the default timer slack of 50 us each would cost far more than a
+    // pass. The least slack keeps them yields.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     ClFramegrabberSDK* const sdk = m_pFramegrabberSDK.load();
     Nvk::utilities::ClSimpleBitmap frame;
@@ -495,7 +501,12 @@ unsigned int ClFrameGrabberChannel::Work() {
         if (pass == eOutcome::Failed) {
             failed = true;
         } else if (pass == eOutcome::Done) {
-            Sleep(0);
+            // A host thread waiting for the device gets it before the next
+            // pass; a few yields are enough for it to wake and take the lock.
+            // Nobody waiting: the next pass follows at once.
+            for (int yields = 0; yields < kMaxYields && sdk->LockRequested(); ++yields) {
+                Sleep(0);
+            }
         }
     }
     StopSequence(sdk, frame);

@@ -8,6 +8,8 @@
 // std::exception (the worker reports it and ends the stream).
 #pragma once
 
+#include <atomic>
+
 namespace Nvk {
 namespace utilities {
 class ClSimpleBitmap;
@@ -56,6 +58,26 @@ public:
     // Takes one image on the host's request (preview capture).
     virtual void TriggerImage(ClFrameGrabberChannel& channel,
                               Nvk::utilities::ClSimpleBitmap& bitmap);
+
+    // A thread that takes the device lock outside a worker's pass announces
+    // it for as long as it waits, with one of these around its Lock(). A
+    // worker gives the processor away between two passes only while such a
+    // thread waits: otherwise it would take the lock again before the
+    // waiting thread has woken up.
+    class CXLockRequest {
+    public:
+        explicit CXLockRequest(ClFramegrabberSDK& sdk) : m_rSdk(sdk) { ++sdk.m_nLockRequests; }
+        ~CXLockRequest() { --m_rSdk.m_nLockRequests; }
+        CXLockRequest(const CXLockRequest&) = delete;
+        CXLockRequest& operator=(const CXLockRequest&) = delete;
+
+    private:
+        ClFramegrabberSDK& m_rSdk;
+    };
+    bool LockRequested() const { return m_nLockRequests.load(std::memory_order_relaxed) > 0; }
+
+private:
+    std::atomic<int> m_nLockRequests{0};
 };
 
 }  // namespace vc

@@ -7,7 +7,11 @@ namespace vc {
 
 class CXDeviceLock {
 public:
-    explicit CXDeviceLock(ClNorvakKR7SDK& sdk) : m_rSdk(sdk) { m_rSdk.Lock(); }
+    // A capture worker between two passes lets the waiting thread in.
+    explicit CXDeviceLock(ClNorvakKR7SDK& sdk) : m_rSdk(sdk) {
+        const ClFramegrabberSDK::CXLockRequest request(sdk);
+        m_rSdk.Lock();
+    }
     ~CXDeviceLock() { m_rSdk.UnLock(); }
     CXDeviceLock(const CXDeviceLock&) = delete;
     CXDeviceLock& operator=(const CXDeviceLock&) = delete;
