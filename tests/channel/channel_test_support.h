@@ -21,20 +21,11 @@
 
 #include "channel/channel.h"
 #include "detection/image_detection.h"
+#include "support/eventually.h"
 
 namespace kr7test {
 
 using Nvk::utilities::ClSimpleBitmap;
-
-// Polls `done` until it holds or 20 seconds have passed; true when it holds.
-template <class Done>
-bool Eventually(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
-}
 
 // Expects `call` to throw the host's error `number` with `text`.
 template <class Call>

@@ -11,20 +11,14 @@
 #include <vector>
 
 #include "framegrabber/norvak_kr7_framegrabber.h"
+#include "support/eventually.h"
 
 namespace {
 
 using vc::ClNorvakKR7Framegrabber;
 constexpr unsigned int kFlag = vc::FGERR_FLAG;
 
-template <class Done>
-bool Eventually(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return done();
-}
+using kr7test::Eventually;
 
 // Counts what a capture delivers; a callback that arrives while no capture
 // should be running is counted apart.

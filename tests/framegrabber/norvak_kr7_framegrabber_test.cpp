@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/eventually.h"
 #include "util/logging_client.h"
 
 namespace {
@@ -36,14 +37,7 @@ constexpr unsigned int kFlag = vc::FGERR_FLAG;
 constexpr int kUntouched = -1;
 constexpr unsigned long kSentinelCode = 77;
 
-template <class Done>
-bool Eventually(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return done();
-}
+using kr7test::Eventually;
 
 unsigned long LastCode(ClNorvakKR7Framegrabber& fg) {
     unsigned long code = 0;
