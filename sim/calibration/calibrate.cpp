@@ -4,16 +4,26 @@
 // CalibrateSetData turns the record into one tap per output pixel: the offset
 // of the 2 x 2 input neighbourhood, the bilinear weights in 1/256 and the
 // flat-field gain in 1/65536. Calibrate is then a single pass over the taps.
+//
+// Injected failures (KR7SIM_CAL_FAULTS) and the call journal
+// (KR7SIM_CAL_JOURNAL) use the scanner stand-in's rules and journal; see
+// README.md beside this file.
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "closed/norvakcalibratesdk.h"
 #include "common/optics.h"
+#include "scanner/faults.h"
 
 namespace {
 
@@ -154,23 +164,99 @@ bool CopyMode() {
     return copy;
 }
 
-}  // namespace
+// ---- injected failures and the journal ----------------------------------
 
-extern "C" {
+enum Entry : size_t {
+    kCreate,
+    kCalibrate,
+    kDelete,
+    kSetData,
+    kErrorDescription,
+    kContamination,
+    kEntryCount
+};
+constexpr const char* kEntryNames[kEntryCount] = {"CalibrateCreate",
+                                                  "Calibrate",
+                                                  "CalibrateDelete",
+                                                  "CalibrateSetData",
+                                                  "CalibrateGetErrorDescription",
+                                                  "ContaminationDetection"};
 
-void* CalibrateCreate(void) {
-    return new (std::nothrow) Instance;
-}
-
-void CalibrateDelete(void** handle) {
-    if (handle == nullptr) {
-        return;
+// Read at the first call after the library is loaded.
+struct Library {
+    Library() {
+        std::string error;
+        const char* faults = std::getenv("KR7SIM_CAL_FAULTS");
+        if (!rules.Parse(faults != nullptr ? faults : "", error)) {
+            Refuse("KR7SIM_CAL_FAULTS: " + error);
+        } else if (faults != nullptr && faults[0] != '\0') {
+            StayLoaded();
+        }
+        const char* journalPath = std::getenv("KR7SIM_CAL_JOURNAL");
+        if (journalPath != nullptr && journalPath[0] != '\0' && !journal.Open(journalPath, error)) {
+            Refuse("KR7SIM_CAL_JOURNAL: " + error);
+        }
     }
-    delete static_cast<Instance*>(*handle);
-    *handle = nullptr;
+    // Instances whose release was refused live on until the library goes.
+    ~Library() {
+        for (Instance* instance : kept) {
+            delete instance;
+        }
+    }
+    // A host may unload the library and load it again (the plug-in does
+    // when building its first calibration fails). Calls are counted over
+    // the life of the process, so with rules in force the library stays
+    // loaded, its counts with it, until the process ends.
+    static void StayLoaded() {
+        static const int anchor = 0;
+        Dl_info self;
+        if (dladdr(&anchor, &self) == 0 || self.dli_fname == nullptr ||
+            dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) == nullptr) {
+            std::fprintf(stderr,
+                         "kr7sim calibration: cannot stay loaded; calls are counted "
+                         "from each load\n");
+        }
+    }
+    void Refuse(const std::string& message) {
+        std::fprintf(stderr, "kr7sim calibration: %s\n", message.c_str());
+        unusable = true;
+    }
+
+    kr7sim::scanner::FaultRules rules{kEntryNames, kEntryCount, true};
+    kr7sim::scanner::Journal journal;
+    bool unusable = false;  // a bad configuration: no instance is created
+    std::mutex keptMutex;
+    std::vector<Instance*> kept;
+};
+
+Library& Lib() {
+    static Library library;
+    return library;
 }
 
-int32_t CalibrateSetData(void* handle, const unsigned char* data, unsigned int size) {
+// One call in progress: counts it against the rules and journals its result.
+class Call {
+public:
+    explicit Call(Entry entry) : entry_(entry), fault_(Lib().rules.OnCall(entry)) {}
+    std::int32_t fault() const { return static_cast<std::int32_t>(fault_); }
+
+    std::int32_t Done(std::int32_t code) {
+        Log(std::to_string(code));
+        return code;
+    }
+    void Log(const std::string& result) {
+        if (Lib().journal.enabled()) {
+            Lib().journal.Write(std::string(kEntryNames[entry_]) + " -> " + result +
+                                (fault_ != 0 ? " (injected)" : ""));
+        }
+    }
+
+private:
+    Entry entry_;
+    std::uint32_t fault_;
+};
+
+int32_t SetData(void* handle, const unsigned char* data, unsigned int size) {
     if (handle == nullptr) {
         return NVK_CAL_BAD_HANDLE;
     }
@@ -196,8 +282,9 @@ int32_t CalibrateSetData(void* handle, const unsigned char* data, unsigned int s
     return NVK_CAL_OK;
 }
 
-int32_t Calibrate(void* handle, const struct tagBITMAPINFOHEADER* input, unsigned int inputSize,
-                  struct tagBITMAPINFOHEADER* output, unsigned int* outputSize) {
+int32_t CalibrateFrame(void* handle, const struct tagBITMAPINFOHEADER* input,
+                       unsigned int inputSize, struct tagBITMAPINFOHEADER* output,
+                       unsigned int* outputSize) {
     if (handle == nullptr) {
         return NVK_CAL_BAD_HANDLE;
     }
@@ -243,7 +330,7 @@ int32_t Calibrate(void* handle, const struct tagBITMAPINFOHEADER* input, unsigne
     return NVK_CAL_OK;
 }
 
-const char* CalibrateGetErrorDescription(int32_t code) {
+const char* Describe(int32_t code) {
     switch (code) {
         case NVK_CAL_OK:
             return "No error.";
@@ -271,8 +358,8 @@ const char* CalibrateGetErrorDescription(int32_t code) {
 }
 
 #ifndef KR7_CALIBRATE_WITHOUT_CONTAMINATION
-int32_t ContaminationDetection(void* handle, const struct tagBITMAPINFOHEADER* image,
-                               unsigned int imageSize, double* result) {
+int32_t Contamination(void* handle, const struct tagBITMAPINFOHEADER* image, unsigned int imageSize,
+                      double* result) {
     if (handle == nullptr) {
         return NVK_CAL_BAD_HANDLE;
     }
@@ -307,6 +394,78 @@ int32_t ContaminationDetection(void* handle, const struct tagBITMAPINFOHEADER* i
     }
     *result = total != 0 ? double(dirty) / double(total) : 0.0;
     return NVK_CAL_OK;
+}
+#endif
+
+}  // namespace
+
+extern "C" {
+
+void* CalibrateCreate(void) {
+    Call call(kCreate);
+    Instance* instance =
+        call.fault() != 0 || Lib().unusable ? nullptr : new (std::nothrow) Instance;
+    call.Log(instance != nullptr ? "instance" : "null");
+    return instance;
+}
+
+void CalibrateDelete(void** handle) {
+    Call call(kDelete);
+    auto* instance = handle != nullptr ? static_cast<Instance*>(*handle) : nullptr;
+    call.Log(instance == nullptr ? "nothing" : call.fault() != 0 ? "kept" : "released");
+    if (instance == nullptr) {
+        return;
+    }
+    Library& library = Lib();
+    std::lock_guard<std::mutex> lock(library.keptMutex);
+    const auto kept = std::find(library.kept.begin(), library.kept.end(), instance);
+    if (call.fault() != 0) {
+        // Refused: the caller's handle stays valid and may be released later.
+        if (kept == library.kept.end()) {
+            library.kept.push_back(instance);
+        }
+        return;
+    }
+    if (kept != library.kept.end()) {
+        library.kept.erase(kept);
+    }
+    delete instance;
+    *handle = nullptr;
+}
+
+int32_t CalibrateSetData(void* handle, const unsigned char* data, unsigned int size) {
+    Call call(kSetData);
+    if (call.fault() != 0) {
+        return call.Done(call.fault());
+    }
+    return call.Done(SetData(handle, data, size));
+}
+
+int32_t Calibrate(void* handle, const struct tagBITMAPINFOHEADER* input, unsigned int inputSize,
+                  struct tagBITMAPINFOHEADER* output, unsigned int* outputSize) {
+    Call call(kCalibrate);
+    if (call.fault() != 0) {
+        return call.Done(call.fault());
+    }
+    return call.Done(CalibrateFrame(handle, input, inputSize, output, outputSize));
+}
+
+const char* CalibrateGetErrorDescription(int32_t code) {
+    Call call(kErrorDescription);
+    // Faulted: the text of the rule's code instead of the one asked for.
+    const char* text = Describe(call.fault() != 0 ? call.fault() : code);
+    call.Log(text);
+    return text;
+}
+
+#ifndef KR7_CALIBRATE_WITHOUT_CONTAMINATION
+int32_t ContaminationDetection(void* handle, const struct tagBITMAPINFOHEADER* image,
+                               unsigned int imageSize, double* result) {
+    Call call(kContamination);
+    if (call.fault() != 0) {
+        return call.Done(call.fault());
+    }
+    return call.Done(Contamination(handle, image, imageSize, result));
 }
 #endif
 

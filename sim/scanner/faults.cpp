@@ -1,5 +1,6 @@
 #include "scanner/faults.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -60,7 +61,13 @@ const char* EntryName(Entry entry) {
     return i >= 0 && i < static_cast<int>(Entry::Count) ? kNames[i] : "?";
 }
 
-bool FaultPlan::Parse(const std::string& text, std::string& error) {
+FaultRules::FaultRules(const char* const* names, size_t count, bool negative)
+    : names_(names),
+      count_(count),
+      negative_(negative),
+      calls_(new std::atomic<uint64_t>[count]()) {}
+
+bool FaultRules::Parse(const std::string& text, std::string& error) {
     std::vector<Rule> rules;
     size_t pos = 0;
     while (pos <= text.size()) {
@@ -78,13 +85,13 @@ bool FaultPlan::Parse(const std::string& text, std::string& error) {
         }
         const std::string name = Trim(item.substr(0, at));
         std::string when = Trim(item.substr(at + 1, eq - at - 1));
-        const std::string code_text = Trim(item.substr(eq + 1));
-        Rule rule{Entry::Count, 0, 0, 0};
-        for (int i = 0; i < static_cast<int>(Entry::Count); ++i) {
-            if (name == kNames[i])
-                rule.entry = static_cast<Entry>(i);
+        std::string code_text = Trim(item.substr(eq + 1));
+        Rule rule{count_, 0, 0, 0};
+        for (size_t i = 0; i < count_; ++i) {
+            if (name == names_[i])
+                rule.entry = i;
         }
-        if (rule.entry == Entry::Count) {
+        if (rule.entry == count_) {
             error = "fault '" + item + "': unknown entry point '" + name + "'";
             return false;
         }
@@ -104,28 +111,40 @@ bool FaultPlan::Parse(const std::string& text, std::string& error) {
             error = "fault '" + item + "': bad call number (N, N+ or N-M, counting from 1)";
             return false;
         }
+        // Where negative codes are allowed, a minus sign goes only in front
+        // of a decimal number.
+        const bool minus = negative_ && !code_text.empty() && code_text[0] == '-';
+        if (minus)
+            code_text.erase(0, 1);
         char* stop = nullptr;
         errno = 0;
-        const unsigned long long code = std::strtoull(code_text.c_str(), &stop, 0);
-        if (code_text.empty() || *stop != '\0' || errno != 0 || code == 0 || code > 0xFFFFFFFFull) {
-            error = "fault '" + item + "': bad error code (nonzero, decimal or 0x hex)";
+        const unsigned long long code = std::strtoull(code_text.c_str(), &stop, minus ? 10 : 0);
+        if (code_text.empty() || *stop != '\0' || errno != 0 || code == 0 ||
+            code > (minus ? 0x80000000ull : 0xFFFFFFFFull) ||
+            (minus && !std::isdigit(static_cast<unsigned char>(code_text[0])))) {
+            error = "fault '" + item + "': bad error code (nonzero, decimal or 0x hex" +
+                    (negative_ ? ", or negative decimal)" : ")");
             return false;
         }
-        rule.code = static_cast<uint32_t>(code);
+        rule.code = static_cast<uint32_t>(minus ? 0 - code : code);
         rules.push_back(rule);
     }
     rules_.swap(rules);
     return true;
 }
 
-uint32_t FaultPlan::OnCall(Entry entry) {
-    const uint64_t n = calls_[static_cast<int>(entry)].fetch_add(1) + 1;
+uint32_t FaultRules::OnCall(size_t entry) {
+    if (entry >= count_)
+        return 0;
+    const uint64_t n = calls_[entry].fetch_add(1) + 1;
     for (const Rule& r : rules_) {
         if (r.entry == entry && n >= r.first && n <= r.last)
             return r.code;
     }
     return 0;
 }
+
+FaultPlan::FaultPlan() : rules_(kNames, sizeof kNames / sizeof kNames[0]) {}
 
 Journal::~Journal() {
     if (file_ != nullptr)

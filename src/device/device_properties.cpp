@@ -70,12 +70,20 @@ void ClNorvakKR7SDK::SetProperty(ePropertyIDs id, unsigned int value) {
         case ePropRedLED:
         case ePropGreenLED: {
             InitializeScanner();
-            const bool on = value != 0;
-            const bool done =
-                id == ePropRedLED ? m_pScanner->SwitchRedLED(on) : m_pScanner->SwitchGreenLED(on);
-            if (!done) {
-                throw ClVCException("Switch the LED failed",
-                                    static_cast<int>(m_pScanner->GetLastError()));
+            const bool red = id == ePropRedLED;
+            const auto switchLED = [&](bool on) {
+                return red ? m_pScanner->SwitchRedLED(on) : m_pScanner->SwitchGreenLED(on);
+            };
+            const bool before = red ? m_pScanner->StateRedLED() : m_pScanner->StateGreenLED();
+            if (!switchLED(value != 0)) {
+                const unsigned long code = m_pScanner->GetLastError();
+                // The LED stays as it was, and so must the state the property
+                // reads and a capture restores: it is sent back. (Closing a
+                // disconnected scanner switches both off instead.)
+                if (code != static_cast<unsigned long>(err::kDisconnected)) {
+                    switchLED(before);
+                }
+                ThrowScannerError(code, "Switch the LED failed");
             }
             return;
         }
@@ -189,8 +197,8 @@ void ClNorvakKR7SDK::ReadSDKInfo() {
     InitializeScanner();
     std::string serial;
     if (!m_pScanner->GetSerialNumber(serial)) {
-        throw ClVCException("Could not read the serial number of the scanner.",
-                            static_cast<int>(m_pScanner->GetLastError()));
+        ThrowScannerError(m_pScanner->GetLastError(),
+                          "Could not read the serial number of the scanner.");
     }
     std::string hardware;
     std::string firmware;
@@ -223,8 +231,12 @@ void ClNorvakKR7SDK::GetSDKInfo(char* buffer, unsigned long& size) {
 void ClNorvakKR7SDK::AvailableScanners(DeviceInfo* list, unsigned long& count) {
     CXDeviceLock lock(*this);
     if (!m_pScanner->GetScannerList(list, count)) {
-        throw ClVCException("Get scanner list failed.",
-                            static_cast<int>(m_pScanner->GetLastError()));
+        // An array without room for the list is the host's 17 whatever the
+        // API's last error says.
+        const unsigned long code = m_pScanner->ListDidNotFit()
+                                       ? static_cast<unsigned long>(err::kMoreData)
+                                       : m_pScanner->GetLastError();
+        throw ClVCException("Get scanner list failed.", static_cast<int>(code));
     }
     UninitializeScanner();
 }
@@ -253,7 +265,7 @@ void ClNorvakKR7SDK::ContaminationDetection(unsigned int ch, double* result) {
     image.SetResolution(500, 500);
     if (!m_pScanner->GetImageByDose(image.Pixel(),
                                     static_cast<int>(m_pSetting->m_nContaminationDose))) {
-        throw ClVCException("Capture image failed.", static_cast<int>(m_pScanner->GetLastError()));
+        ThrowScannerError(m_pScanner->GetLastError(), "Capture image failed.");
     }
     PrepareImage(image);
     *result = m_pCalibration->ContaminationDetection(image.Header());

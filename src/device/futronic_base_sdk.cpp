@@ -284,7 +284,10 @@ bool ClFutronicBaseSDK::GetSerialNumber(unsigned long index, std::string& serial
     };
     char number[kSerialSize] = {};
     const int base = api.ftrGetBaseInterfaceNumber();
-    if (base >= 0 && index == static_cast<unsigned long>(base)) {
+    if (base < 0) {
+        return false;  // no interface to come back to
+    }
+    if (index == static_cast<unsigned long>(base)) {
         if (m_hFtrHandle == nullptr) {
             m_hFtrHandle = api.ftrScanOpenDevice();
             if (m_hFtrHandle == nullptr) {
@@ -305,6 +308,11 @@ bool ClFutronicBaseSDK::GetSerialNumber(unsigned long index, std::string& serial
     // ends.
     const FTRHANDLE other = api.ftrScanOpenDevice();
     if (other == nullptr || !readSerial(other, number)) {
+        // Back to the base interface, or the next open would reach the other
+        // scanner; the caller learns why the read failed.
+        const std::uint32_t error = api.ftrScanGetLastError();
+        api.ftrSetBaseInterface(base);
+        api.ftrScanSetLastError(error);
         return false;
     }
     serial.assign(number, kSerialSize);
@@ -349,6 +357,7 @@ bool ClFutronicBaseSDK::GetDeviceVersions(std::string& hardware, std::string& fi
 }
 
 bool ClFutronicBaseSDK::GetScannerList(DeviceInfo* list, unsigned long& count) {
+    m_bListDidNotFit = false;
     Initialize();
     if (!m_pApi) {
         return false;
@@ -366,10 +375,12 @@ bool ClFutronicBaseSDK::GetScannerList(DeviceInfo* list, unsigned long& count) {
     // No room (or no array) for the records: the caller learns how many.
     if (count == 0 || list == nullptr) {
         count = connected;
+        m_bListDidNotFit = true;
         SetLastError(err::kMoreData);
         return false;
     }
     if (connected > count) {
+        m_bListDidNotFit = true;
         SetLastError(err::kMoreData);
         return false;
     }
@@ -398,7 +409,11 @@ bool ClFutronicBaseSDK::GetScanInterface(unsigned long& index) {
     if (!m_pApi) {
         return false;
     }
-    index = static_cast<unsigned long>(m_pApi->ftrGetBaseInterfaceNumber());
+    const int base = m_pApi->ftrGetBaseInterfaceNumber();
+    if (base < 0) {
+        return false;
+    }
+    index = static_cast<unsigned long>(base);
     return true;
 }
 

@@ -75,9 +75,10 @@ public:
     // extended API nothing reads the number and `serial` is 8 zero bytes.
     bool GetSerialNumber(std::string& serial);
     // The serial number of the scanner on interface `index`. Another
-    // interface is selected for the read and selected back after it; the
-    // open handle is then forgotten (the scanner is opened again by the
-    // next Initialize).
+    // interface is selected for the read and selected back after it, also
+    // when the read fails (the API's last error is then the read's); after
+    // a successful read the open handle is forgotten (the scanner is opened
+    // again by the next Initialize).
     bool GetSerialNumber(unsigned long index, std::string& serial);
     // Writes 0xBA, the first 8 characters and their sum modulo 256.
     bool SetSerialNumber(const std::string& serial);
@@ -90,6 +91,11 @@ public:
     // 17, count set); too small is false with last error 17 and the count
     // unchanged. Never writes more than `count` records.
     bool GetScannerList(DeviceInfo* list, unsigned long& count);
+    // Whether the last GetScannerList failed for want of room (rather than
+    // by a failing API call); unlike the API's last error, no later call
+    // changes it.
+    bool ListDidNotFit() const { return m_bListDidNotFit; }
+    // The base interface; false when the API cannot tell.
     bool GetScanInterface(unsigned long& index);
     bool SetScanInterface(unsigned long index);
 
@@ -111,6 +117,7 @@ private:
     std::uint8_t m_nRedLED = 0;
     std::uint32_t m_nWritePosition = 0;
     std::uint32_t m_nReadPosition = 0;
+    bool m_bListDidNotFit = false;
     std::string m_strLogFileName;
 };
 

@@ -175,8 +175,7 @@ bool ClNorvakKR7SDK::IsDirty(ClFrameGrabberChannel& channel) {
 FTRSCAN_IMAGE_SIZE ClNorvakKR7SDK::ReadImageSize() {
     FTRSCAN_IMAGE_SIZE size{};
     if (!m_pScanner->GetImageSize(&size)) {
-        throw ClVCException("Couldn't read the image size of scanner.",
-                            static_cast<int>(m_pScanner->GetLastError()));
+        ThrowScannerError(m_pScanner->GetLastError(), "Couldn't read the image size of scanner.");
     }
     // A size no frame buffer can be made from: refused before anything is
     // sized from it.
@@ -256,8 +255,15 @@ void ClNorvakKR7SDK::ApplyFakeFingerOption() {
                          : "Could not disable the fake finger detection.";
     }
     if (!m_pScanner->SetOptions(1, enable ? 1 : 0)) {
-        throw ClVCException(failure, static_cast<int>(m_pScanner->GetLastError()));
+        ThrowScannerError(m_pScanner->GetLastError(), failure);
     }
+}
+
+void ClNorvakKR7SDK::ThrowScannerError(unsigned long code, const char* text) {
+    if (code == static_cast<unsigned long>(err::kDisconnected)) {
+        CheckScannerError(code);
+    }
+    throw ClVCException(text, static_cast<int>(code));
 }
 
 // ---- frames -------------------------------------------------------------
@@ -267,7 +273,7 @@ void ClNorvakKR7SDK::FuzzyImage(unsigned char* buffer) {
         const unsigned long code = m_pScanner->GetLastError();
         Log(3, "QV2 scanner. CaptureFuzzyImage function failed. Error number: 0x%x",
             static_cast<unsigned int>(code));
-        throw ClVCException("Capture raw image failed.", static_cast<int>(code));
+        ThrowScannerError(code, "Capture raw image failed.");
     }
 }
 

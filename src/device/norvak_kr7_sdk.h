@@ -152,6 +152,12 @@ private:
     // Shapes the channel's bitmap: raw bitmap, calibrated size, buffer.
     void PrepareChannel(ClFrameGrabberChannel& channel, Nvk::utilities::ClSimpleBitmap& bitmap);
     void ApplyFakeFingerOption();
+    // A scanner call failed with the API's last error `code`. A
+    // disconnection is handled as in a capture (CheckScannerError): the
+    // scanner is closed, since its handle stays dead after a replug and the
+    // next operation must open it again, and 31 is thrown with its text. Any
+    // other code is thrown with `text`.
+    [[noreturn]] void ThrowScannerError(unsigned long code, const char* text);
     // The scanner's frame size; refuses sizes no frame buffer can be made from.
     FTRSCAN_IMAGE_SIZE ReadImageSize();
     // Whether the calling thread holds the device lock.
