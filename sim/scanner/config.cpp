@@ -12,6 +12,8 @@ namespace kr7sim {
 namespace scanner {
 namespace {
 
+constexpr const char* kUnitCount = "KR7SIM_UNITS: the number of units must be 1 to 128";
+
 std::string Env(const char* name) {
     const char* v = std::getenv(name);
     return v != nullptr ? std::string(v) : std::string();
@@ -158,7 +160,7 @@ bool ParseUnits(const std::string& text, uint64_t seed, std::vector<UnitConfig>&
         if (text.empty())
             count = 1;
         if (count < 1 || count > FTR_MAX_INTERFACE_NUMBER) {
-            error = "KR7SIM_UNITS: the number of units must be 1 to 128";
+            error = kUnitCount;
             return false;
         }
         for (uint64_t i = 0; i < count; ++i) {
@@ -178,6 +180,12 @@ bool ParseUnits(const std::string& text, uint64_t seed, std::vector<UnitConfig>&
         pos = end + 1;
         if (entry.empty())
             continue;
+        // 128 units take every interface: a further one has none left, and
+        // its default interface number would be past the last.
+        if (units.size() == FTR_MAX_INTERFACE_NUMBER) {
+            error = kUnitCount;
+            return false;
+        }
         UnitConfig unit;
         if (!ParseUnit(entry, int(units.size()), seed, unit, error))
             return false;
@@ -189,6 +197,10 @@ bool ParseUnits(const std::string& text, uint64_t seed, std::vector<UnitConfig>&
             }
         }
         units.push_back(unit);
+    }
+    if (units.empty()) {  // separators only
+        error = kUnitCount;
+        return false;
     }
     std::sort(units.begin(), units.end(), [](const UnitConfig& a, const UnitConfig& b) {
         return a.interface_number < b.interface_number;

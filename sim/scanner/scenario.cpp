@@ -234,6 +234,10 @@ private:
     void Add(uint32_t frames, Segment s) {
         if (frames == 0)
             return;
+        if (frames > UINT32_MAX - now_) {  // frames of the cycle are counted in 32 bits
+            too_long_ = true;
+            return;
+        }
         s.start = now_;
         s.end = now_ + frames;
         s.dirt = dirt_;
@@ -258,6 +262,7 @@ private:
     int dirt_ = -1;
     int line_ = 0;
     bool repeat_seen_ = false;
+    bool too_long_ = false;
     uint32_t repeats_ = 1;
 };
 
@@ -513,6 +518,10 @@ bool Compiler::Run(const std::string& text, std::vector<Segment>& segments, Segm
         }
         if (!step.keyword.empty() && !Compile(step, error)) {
             error = std::to_string(line) + ": " + error;
+            return false;
+        }
+        if (too_long_) {
+            error = std::to_string(line) + ": the script runs past 4294967295 frames";
             return false;
         }
         if (end < text.size() && text[end] == '\n')

@@ -376,6 +376,12 @@ TEST(ScannerErrors, BadConfigurationNamesTheProblemAndRefusesToOpen) {
     const std::string file = dir.Write("bad.txt", "# demo\nempty 1s\nplace 2s skin=oily\n");
     std::system(("mkdir " + dir.path + "/frames").c_str());
     dir.Write("frames/a.pgm", "P5\n4 4\n255\nxx");
+    std::string units129;  // one unit more than there are interfaces
+    for (int i = 0; i < 129; ++i)
+        units129 += "dirt=0;";
+    std::string weeks;  // 285 weeks of frames do not fit in 32 bits
+    for (int i = 0; i < 285; ++i)
+        weeks += "hold 604800s\n";
     const std::pair<Env, std::string> cases[] = {
         {{{"KR7SIM_SCENARIO", file}}, file + ":3: bad value 'oily' for option 'skin'"},
         {{{"KR7SIM_SCENARIO", "empty 1s;\nhold 3parsecs"}}, "KR7SIM_SCENARIO:2: bad duration"},
@@ -383,6 +389,7 @@ TEST(ScannerErrors, BadConfigurationNamesTheProblemAndRefusesToOpen) {
         {{{"KR7SIM_SCENARIO", "jump 2s;"}}, "KR7SIM_SCENARIO:1: unknown step 'jump'"},
         {{{"KR7SIM_SCENARIO", "roll 2s;"}}, "unexpected '2s' after 'roll'"},
         {{{"KR7SIM_SCENARIO", "roll from=top;"}}, "bad value 'top' for option 'from'"},
+        {{{"KR7SIM_SCENARIO", weeks}}, "KR7SIM_SCENARIO:285: the script runs past 4294967295"},
         {{{"KR7SIM_SCENARIO", "empty;replay " + dir.path + "/frames"}}, "truncated PGM"},
         {{{"KR7SIM_SCENARIO", "empty;replay " + dir.path + "/none"}}, "cannot open folder"},
         {{{"KR7SIM_SCENARIO", dir.path + "/missing.txt"}}, "cannot open the scenario"},
@@ -392,6 +399,8 @@ TEST(ScannerErrors, BadConfigurationNamesTheProblemAndRefusesToOpen) {
         {{{"KR7SIM_FAULTS", "ftrScanFly@1=31"}}, "unknown entry point 'ftrScanFly'"},
         {{{"KR7SIM_UNITS", "if=0;if=0"}}, "two units on interface 0"},
         {{{"KR7SIM_UNITS", "size=10x10"}}, "bad setting 'size=10x10'"},
+        {{{"KR7SIM_UNITS", units129}}, "the number of units must be 1 to 128"},
+        {{{"KR7SIM_UNITS", ";;"}}, "the number of units must be 1 to 128"},
     };
     for (const auto& [env, message] : cases) {
         Scanner s(env);
