@@ -301,57 +301,6 @@ TEST_F(Virtual_SdkCapture, UnplugEndsTheCaptureAndAReplugCapturesAgain) {
     EXPECT_GT(again.Images().back().mean, 240.0);
 }
 
-// An unplug can show first while a channel is being set up (frame size, raw
-// frame for the calibration, fake-finger option) rather than at a frame. It
-// is a disconnection all the same: reported as one, and the scanner closed,
-// since its handle stays dead after the replug, so that the next operation
-// opens it again. Here the second snap sets the channel up anew and meets
-// the unplug at the frame size.
-TEST_F(Virtual_SdkCapture, AnUnplugMetWhileSettingUpIsADisconnectionToo) {
-    Configure("empty 2f; unplug 0.2s; empty 60s");
-    Host host;  // outlives the SDK and its channel
-    ClNorvakKR7SDK sdk(nullptr);
-    unsigned char* image = nullptr;
-    ASSERT_EQ("", Thrown([&] { sdk.Snap(1, &image); }));  // frames 0 and 1
-    delete[] image;
-    EXPECT_EQ("31: The scanner is disconnected.", Thrown([&] { sdk.Snap(1, &image); }));
-    EXPECT_FALSE(sdk.IsScannerInitialized());
-    EXPECT_EQ(1, JournalCount("ftrScanCloseDevice(h1) -> 1"));
-    EXPECT_EQ("31: The scanner is disconnected.", LastError(sdk));
-    std::string outcome;
-    for (int i = 0; i < 100 && !(outcome = Thrown([&] { sdk.InitializeScanner(); })).empty(); ++i) {
-        EXPECT_EQ(std::string("259: ") + kInitFailed, outcome);
-    }
-    ASSERT_EQ("", outcome);
-    host.Start(sdk, vc::eCaptureLive);
-    ASSERT_TRUE(host.WaitImages(5));
-    sdk.StopCapture(1);
-    EXPECT_THAT(host.Errors(), ElementsAre());
-}
-
-// Each scanner call of the set-up that fails with 31 (injected, the unit
-// itself stays connected) closes the scanner; the next snap opens it again.
-TEST_F(Virtual_SdkCapture, EachSetUpCallThatFindsTheScannerGoneClosesIt) {
-    // The second set-up's call: the first snap made one frame-size read, two
-    // raw frames (calibration and picture) and two option settings (long
-    // image, fake-finger check).
-    for (const char* fault : {"ftrScanGetImageSize@2=31", "ftrScanGetImageByVariableDose@3=31",
-                              "ftrScanSetOptions@3=31"}) {
-        SCOPED_TRACE(fault);
-        Configure("empty 60s;", "", fault);
-        ClNorvakKR7SDK sdk(nullptr);
-        unsigned char* image = nullptr;
-        ASSERT_EQ("", Thrown([&] { sdk.Snap(1, &image); }));
-        delete[] image;
-        EXPECT_EQ("31: The scanner is disconnected.", Thrown([&] { sdk.Snap(1, &image); }));
-        EXPECT_FALSE(sdk.IsScannerInitialized());
-        ASSERT_EQ("", Thrown([&] { sdk.Snap(1, &image); }));
-        delete[] image;
-        EXPECT_EQ(1, JournalCount("ftrScanCloseDevice(h1) -> 1"));
-        EXPECT_EQ(1, JournalCount("ftrScanOpenDevice(interface 0) -> h2"));
-    }
-}
-
 // Listing the scanners reads the serial numbers on every interface and
 // closes the scanner; a running capture opens it again and goes on.
 TEST_F(Virtual_SdkCapture, ListingScannersDoesNotEndACapture) {

@@ -500,8 +500,8 @@ std::string MiB(long kib) {
 
 }  // namespace
 
-const std::vector<PhaseSpec>& Phases() {
-    static const std::vector<PhaseSpec> phases = {
+const std::vector<PhaseSettings>& Phases() {
+    static const std::vector<PhaseSettings> phases = {
         {"starts",
          "cycles",
          {{"KR7SIM_SCENARIO", kIdleScenario},
@@ -523,8 +523,8 @@ const std::vector<PhaseSpec>& Phases() {
     return phases;
 }
 
-const PhaseSpec* FindPhase(const std::string& name) {
-    for (const PhaseSpec& phase : Phases()) {
+const PhaseSettings* FindPhase(const std::string& name) {
+    for (const PhaseSettings& phase : Phases()) {
         if (name == phase.name) {
             return &phase;
         }
@@ -539,8 +539,8 @@ const PhaseSpec* FindPhase(const std::string& name) {
 // after it are what the end must come back to. Threads and descriptors must
 // also be back at their level from before the plug-in was first loaded.
 int RunPhase(const std::string& name, long count, const std::string& plugin) {
-    const PhaseSpec* spec = FindPhase(name);
-    if (spec == nullptr || count <= 0) {
+    const PhaseSettings* settings = FindPhase(name);
+    if (settings == nullptr || count <= 0) {
         return 2;
     }
     const Body body = BodyOf(name);
@@ -621,8 +621,8 @@ int RunPhase(const std::string& name, long count, const std::string& plugin) {
     };
     std::ostringstream line;
     char head[96];
-    std::snprintf(head, sizeof head, "%-11s %7ld %-8s %8.1f s", spec->name, count, spec->unit,
-                  seconds);
+    std::snprintf(head, sizeof head, "%-11s %7ld %-8s %8.1f s", settings->name, count,
+                  settings->unit, seconds);
     line << head << figure("threads", start.threads, ref.threads, end.threads, true)
          << figure("fds", start.fds, ref.fds, end.fds, true)
          << figure("maps", start.mappings, ref.mappings, end.mappings, plain) << "  rss "

@@ -14,15 +14,15 @@
 
 namespace soak {
 
-struct PhaseSpec {
+struct PhaseSettings {
     const char* name;
     const char* unit;  // what `count` counts, for the report
     // The virtual scanner's settings for the phase's process.
     std::vector<std::pair<const char*, const char*>> environment;
 };
 
-const std::vector<PhaseSpec>& Phases();
-const PhaseSpec* FindPhase(const std::string& name);
+const std::vector<PhaseSettings>& Phases();
+const PhaseSettings* FindPhase(const std::string& name);
 
 // Runs phase `name` `count` times in this process against the plug-in at
 // `plugin`, prints its report line and returns the exit status (0 passed).

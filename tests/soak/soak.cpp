@@ -117,7 +117,8 @@ bool Parse(int argc, char** argv, Options& options) {
 
 // The child's environment: this one without any KR7SIM_ setting, plus the
 // phase's settings and the stand-ins' folder first on the search path.
-std::vector<std::string> ChildEnvironment(const soak::PhaseSpec& spec, const Options& options) {
+std::vector<std::string> ChildEnvironment(const soak::PhaseSettings& phase,
+                                          const Options& options) {
     std::vector<std::string> environment;
     std::string searchPath = options.simLib;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -134,7 +135,7 @@ std::vector<std::string> ChildEnvironment(const soak::PhaseSpec& spec, const Opt
         environment.push_back(text);
     }
     environment.push_back("LD_LIBRARY_PATH=" + searchPath);
-    for (const auto& setting : spec.environment) {
+    for (const auto& setting : phase.environment) {
         environment.push_back(std::string(setting.first) + "=" + setting.second);
     }
     return environment;
@@ -155,9 +156,9 @@ void DescribeHang(pid_t child) {
 }
 
 // Runs one phase in a child; true when it passed.
-bool RunChild(const soak::PhaseSpec& spec, long count, const Options& options) {
+bool RunChild(const soak::PhaseSettings& phase, long count, const Options& options) {
     const std::string self = "/proc/self/exe";
-    std::vector<std::string> args = {"kr7_soak",    "--run-phase",         spec.name,
+    std::vector<std::string> args = {"kr7_soak",    "--run-phase",         phase.name,
                                      "--count",     std::to_string(count), "--plugin",
                                      options.plugin};
     std::vector<char*> argv;
@@ -165,7 +166,7 @@ bool RunChild(const soak::PhaseSpec& spec, long count, const Options& options) {
         argv.push_back(&arg[0]);
     }
     argv.push_back(nullptr);
-    std::vector<std::string> environment = ChildEnvironment(spec, options);
+    std::vector<std::string> environment = ChildEnvironment(phase, options);
     std::vector<char*> envp;
     for (std::string& entry : environment) {
         envp.push_back(&entry[0]);
@@ -177,12 +178,12 @@ bool RunChild(const soak::PhaseSpec& spec, long count, const Options& options) {
     const int spawned =
         posix_spawn(&child, self.c_str(), nullptr, nullptr, argv.data(), envp.data());
     if (spawned != 0) {
-        std::printf("%-11s cannot start its process: %s  FAIL\n", spec.name,
+        std::printf("%-11s cannot start its process: %s  FAIL\n", phase.name,
                     std::strerror(spawned));
         return false;
     }
     long limit = options.phaseTimeout;
-    if (std::string(spec.name) == "realtime") {
+    if (std::string(phase.name) == "realtime") {
         limit += count;
     }
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(limit);
@@ -193,11 +194,11 @@ bool RunChild(const soak::PhaseSpec& spec, long count, const Options& options) {
             break;
         }
         if (done < 0) {
-            std::printf("%-11s lost its process: %s  FAIL\n", spec.name, std::strerror(errno));
+            std::printf("%-11s lost its process: %s  FAIL\n", phase.name, std::strerror(errno));
             return false;
         }
         if (Clock::now() > deadline) {
-            std::printf("%-11s still running after %ld s: a hang  FAIL\n", spec.name, limit);
+            std::printf("%-11s still running after %ld s: a hang  FAIL\n", phase.name, limit);
             DescribeHang(child);
             kill(child, SIGKILL);
             waitpid(child, &status, 0);
@@ -206,7 +207,7 @@ bool RunChild(const soak::PhaseSpec& spec, long count, const Options& options) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     if (WIFSIGNALED(status)) {
-        std::printf("%-11s process killed by signal %d (%s)  FAIL\n", spec.name, WTERMSIG(status),
+        std::printf("%-11s process killed by signal %d (%s)  FAIL\n", phase.name, WTERMSIG(status),
                     strsignal(WTERMSIG(status)));
         return false;
     }
@@ -214,7 +215,7 @@ bool RunChild(const soak::PhaseSpec& spec, long count, const Options& options) {
         // A failed phase has printed its line; any other status (a sanitizer's
         // report at exit) is named here.
         if (WEXITSTATUS(status) != 1) {
-            std::printf("%-11s process exited with status %d  FAIL\n", spec.name,
+            std::printf("%-11s process exited with status %d  FAIL\n", phase.name,
                         WEXITSTATUS(status));
         }
         return false;
