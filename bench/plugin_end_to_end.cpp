@@ -296,9 +296,8 @@ struct Plugin {
         host.Reset();
         const unsigned int rc = grabber->StartCapture(1, 1, mode, &Host::OnImage, &Host::OnResult,
                                                       &Host::OnError, &Host::OnWarning, &host);
-        // 0x1000000A: a mode the plug-in does not list (rolled); it captures
-        // all the same.
-        if (rc != 0 && rc != 0x1000000Au) {
+        // A mode the plug-in does not list (rolled) captures all the same.
+        if (rc != 0 && rc != (vc::FGERR_FLAG | vc::FGERR_DETECTION_NOT_SUPPORTED)) {
             throw std::runtime_error("StartCapture failed: " + std::to_string(rc));
         }
     }

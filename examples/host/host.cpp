@@ -23,7 +23,6 @@
 #ifndef KR7_PLUGIN
 #define KR7_PLUGIN "libnorvakkr7fg.so.1"
 #endif
-constexpr unsigned int FGERR_FLAG = 0x10000000u;  // set in the code of a failed call
 
 namespace {
 
@@ -110,7 +109,7 @@ bool CaptureOne(vc::ClFramegrabber& fg, const char* file) {
     // A size query: count becomes the number of scanners, the code says "more data".
     unsigned long count = 0;
     const unsigned int query = fg.AvailableDevices(nullptr, count);
-    if (query != (FGERR_FLAG | 17) && !Ok(fg, "AvailableDevices", query)) {
+    if (query != (vc::FGERR_FLAG | vc::FGERR_MORE_DATA) && !Ok(fg, "AvailableDevices", query)) {
         return false;
     }
     std::vector<vc::DeviceInfo> devices(count);

@@ -6,6 +6,8 @@
 #include <exception>
 #include <string>
 
+#include "base/framegrabber.h"
+
 namespace Nvk {
 
 // Root of every exception the plug-in raises itself.
@@ -102,49 +104,28 @@ public:
     using ClVCException::ClVCException;
 };
 
-// Result flag of a failed interface call.
-constexpr unsigned int FGERR_FLAG = 0x10000000u;
-
-// Error numbers reported to the host and their exact texts.
+// The exact texts of the error numbers the host receives (eFGErrors in the
+// public header).
 namespace err {
-constexpr int kCameraUnknown = 3;
 constexpr const char* kCameraUnknownText =
     "The camera ID is unknown or is not supported by frame grabber";
-constexpr int kBadChannel = 4;
 constexpr const char* kBadChannelText = "Incorrect channel number for frame grabber";
-constexpr int kBadColorMode = 9;
 constexpr const char* kBadColorModeText = "The frame grabber does not support this color mode";
-constexpr int kBadDetection = 10;
 constexpr const char* kBadDetectionText =
     "The detection ID bad or frame grabber does not support this detection";
-constexpr int kBadFilter = 11;
 constexpr const char* kBadFilterText = "The filter ID bad or framegrabber does not support";
-constexpr int kBadProperty = 12;
 constexpr const char* kBadPropertyText = "Incorrect property or frame grabber does not support";
-constexpr int kUnsupportedEEPROM = 14;
-constexpr int kMoreData = 17;
 constexpr const char* kMoreDataText = "More data are available";
-constexpr int kReadOnlyProperty = 18;
 constexpr const char* kReadOnlyPropertyText = "The property is read only";
-constexpr int kFilterNotApplicable = 21;
 constexpr const char* kFilterNotApplicableText = "The filter can not be applied";
-constexpr int kHardwareNotSupported = 22;
 constexpr const char* kHardwareNotSupportedText =
     "The QV2-scanner hardware version is not supported";
-constexpr int kUnsupported = 22;
-constexpr int kOther = 23;
-constexpr int kBadAspectRatio = 25;
 constexpr const char* kBadAspectRatioText = "The aspect ratio is incorrect. It can be set 1.. ";
-constexpr int kBadDeviceIndex = 27;
 constexpr const char* kBadDeviceIndexText =
     "The device index out of range or is not supported by frame grabber";
-constexpr int kDisconnected = 31;
 constexpr const char* kDisconnectedText = "The scanner is disconnected.";
-constexpr int kCalibrationCorrupt = 37;
 constexpr const char* kCalibrationCorruptText = "The calibration data is corrupt.";
-constexpr int kApiVersion = 40;
 constexpr const char* kApiVersionText = "The QV2 API version isn't more supported";
-constexpr int kNoStorage = 51;
 constexpr const char* kNoStorageText = "Not enough storage is available to complete this operation";
 }  // namespace err
 

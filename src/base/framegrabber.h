@@ -78,6 +78,44 @@ namespace vc {
 
 class ClVCFactory;  // the host's own factory type; opaque to the plug-in
 
+// Results. A failed call returns its error number with FGERR_FLAG set:
+//   if (result != 0) number = result & ~vc::FGERR_FLAG;
+// and GetLastError then holds the number's text.
+constexpr unsigned int FGERR_FLAG = 0x10000000u;
+
+// The error numbers a host can receive, in results (with FGERR_FLAG) and as
+// the last error. Failures of the scanner itself carry the scanner's own
+// number (for example 21 not ready, 1460 timeout) with a text naming what
+// failed ("Capture frame failed.").
+enum eFGErrors : unsigned int {
+    FGERR_CAMERA_NOT_SUPPORTED = 3,
+    FGERR_BAD_CHANNEL = 4,  // every channel but 1
+    FGERR_COLOR_MODE_NOT_SUPPORTED = 9,
+    FGERR_DETECTION_NOT_SUPPORTED = 10,  // a capture mode not listed; it runs all the same
+    FGERR_FILTER_NOT_SUPPORTED = 11,
+    FGERR_PROPERTY_NOT_SUPPORTED = 12,
+    FGERR_EEPROM_NOT_SUPPORTED = 14,  // returned bare, without FGERR_FLAG
+    FGERR_MORE_DATA = 17,             // the answer to a size query, or a list that does not fit
+    FGERR_PROPERTY_READ_ONLY = 18,
+    FGERR_FILTER_NOT_APPLICABLE = 21,
+    FGERR_NOT_SUPPORTED = 22,  // dialogs, settings, extended properties: bare
+    FGERR_HARDWARE_NOT_SUPPORTED = 22,
+    // Any other failure. A scanner library the plug-in could not load (or a
+    // symbol missing in one) is reported so, with the loader's text, which
+    // names the file; so are failed system calls and null pointers.
+    FGERR_FAILED = 23,
+    FGERR_LIBRARY_NOT_LOADED = 23,
+    FGERR_BAD_ASPECT_RATIO = 25,
+    FGERR_BAD_DEVICE_INDEX = 27,
+    FGERR_DISCONNECTED = 31,
+    FGERR_CALIBRATION_CORRUPT = 37,
+    FGERR_API_VERSION_NOT_SUPPORTED = 40,
+    FGERR_OUT_OF_MEMORY = 51,  // also a capture mode without a detector
+    FGERR_USER_CANCELED = 0x20000003,
+    FGERR_HARDWARE_INCOMPATIBLE = 0x20000004,
+    FGERR_FIRMWARE_INCOMPATIBLE = 0x20000005,
+};
+
 // Camera types. Only eCameraKR7 is listed and accepted by this plug-in; the
 // other values belong to other frame grabbers of the host framework.
 enum eCameraIDs : int {

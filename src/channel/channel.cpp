@@ -380,10 +380,10 @@ ClFrameGrabberChannel::eOutcome ClFrameGrabberChannel::Guarded(Step&& step, bool
         ReportSafely([&] { ReportError(error); });
         return eOutcome::Failed;
     } catch (const std::exception& error) {
-        ReportSafely([&] { SendError(error.what(), err::kOther); });
+        ReportSafely([&] { SendError(error.what(), vc::FGERR_FAILED); });
         return eOutcome::Failed;
     } catch (...) {
-        ReportSafely([&] { SendError("Framegrabber Unknown error", err::kOther); });
+        ReportSafely([&] { SendError("Framegrabber Unknown error", vc::FGERR_FAILED); });
         return eOutcome::Failed;
     }
 }

@@ -285,7 +285,7 @@ Channel& get_item(std::vector<Channel>& channels, std::size_t index) {
     try {
         return channels.at(index);
     } catch (const std::out_of_range&) {
-        throw ClVCException(err::kBadChannelText, err::kBadChannel);
+        throw ClVCException(err::kBadChannelText, vc::FGERR_BAD_CHANNEL);
     }
 }
 
@@ -294,7 +294,7 @@ const Channel& get_item(const std::vector<Channel>& channels, std::size_t index)
     try {
         return channels.at(index);
     } catch (const std::out_of_range&) {
-        throw ClVCException(err::kBadChannelText, err::kBadChannel);
+        throw ClVCException(err::kBadChannelText, vc::FGERR_BAD_CHANNEL);
     }
 }
 

@@ -14,7 +14,7 @@ namespace vc {
 namespace {
 
 [[noreturn]] void ThrowNoStorage() {
-    throw ClVCException(err::kNoStorageText, err::kNoStorage);
+    throw ClVCException(err::kNoStorageText, vc::FGERR_OUT_OF_MEMORY);
 }
 
 // A new object; running out of memory is the host's error 51, whether the
@@ -49,7 +49,7 @@ void AddTo(ClImageMacroProcessor& chain, std::unique_ptr<T> processor) {
 
 void ClFrameGrabberChannel::SetFilter(eFilterIDs filter) {
     if (m_bRunning && m_eColorMode != eColorGray8 && filter != eFilterNone) {
-        throw ClVCException(err::kFilterNotApplicableText, err::kFilterNotApplicable);
+        throw ClVCException(err::kFilterNotApplicableText, vc::FGERR_FILTER_NOT_APPLICABLE);
     }
     m_eFilter = filter;
     m_bRefreshBackground = true;
@@ -58,7 +58,7 @@ void ClFrameGrabberChannel::SetFilter(eFilterIDs filter) {
 
 void ClFrameGrabberChannel::SetCamera(eCameraIDs camera, eColorModeIDs mode) {
     if (mode != eColorGray8 && m_eFilter != eFilterNone) {
-        throw ClVCException(err::kFilterNotApplicableText, err::kFilterNotApplicable);
+        throw ClVCException(err::kFilterNotApplicableText, vc::FGERR_FILTER_NOT_APPLICABLE);
     }
     const ClVCCamera record = ClVCCamera::Create(camera);
     {
@@ -72,7 +72,7 @@ void ClFrameGrabberChannel::SetCamera(eCameraIDs camera, eColorModeIDs mode) {
 void ClFrameGrabberChannel::SetAspectRatio(double x, double y) {
     // Written so that a NaN is refused as well.
     if (!(x >= 1.0) || !(y >= 1.0)) {
-        throw ClVCException(err::kBadAspectRatioText, err::kBadAspectRatio);
+        throw ClVCException(err::kBadAspectRatioText, vc::FGERR_BAD_ASPECT_RATIO);
     }
     {
         CXSettingsLock lock(m_Mutex);
@@ -193,7 +193,7 @@ void ClFrameGrabberChannel::RebuildChain(bool force) {
                 ThrowNoStorage();
             }
             if (!object) {
-                throw ClVCException(err::kBadFilterText, err::kBadFilter);
+                throw ClVCException(err::kBadFilterText, vc::FGERR_FILTER_NOT_SUPPORTED);
             }
             auto processor = MakeOr51<ClImageFilterProcessor>(object.get(), &m_Background);
             object.release();

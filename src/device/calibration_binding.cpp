@@ -81,7 +81,7 @@ ClNorvakKR7SDK::CXCalibration::CXCalibration(ClFutronicBaseSDK& scanner)
     m_strRevision = header.RevisionString();
     if (data == nullptr || dataSize == 0) {
         Log(3, "The calibration data is corrupt.");
-        throw ClVCException(err::kCalibrationCorruptText, err::kCalibrationCorrupt);
+        throw ClVCException(err::kCalibrationCorruptText, vc::FGERR_CALIBRATION_CORRUPT);
     }
     CheckCalibrateError(m_pLibrary->setData(handle->Get(), data, dataSize));
     m_pHandle = std::move(handle);
@@ -93,7 +93,7 @@ ClNorvakKR7SDK::CXCalibration::CXCalibration(const char* path) : m_pLibrary(new 
     Nvk::file::ReadBinary(path, file);
     // A file without its whole header holds no data block at all.
     if (file.size() < kFileHeaderSize) {
-        throw ClVCException(err::kCalibrationCorruptText, err::kCalibrationCorrupt);
+        throw ClVCException(err::kCalibrationCorruptText, vc::FGERR_CALIBRATION_CORRUPT);
     }
     CheckCalibrateError(
         m_pLibrary->setData(handle->Get(), file.data() + kFileHeaderSize,

@@ -19,8 +19,8 @@ using Nvk::utilities::Log;
 namespace {
 
 [[noreturn]] void ThrowBadProperty(ClNorvakKR7SDK& sdk) {
-    sdk.SetLastFGError(err::kBadProperty, err::kBadPropertyText);
-    throw ClVCException(err::kBadPropertyText, err::kBadProperty);
+    sdk.SetLastFGError(vc::FGERR_PROPERTY_NOT_SUPPORTED, err::kBadPropertyText);
+    throw ClVCException(err::kBadPropertyText, vc::FGERR_PROPERTY_NOT_SUPPORTED);
 }
 
 unsigned int OnOff(bool on) {
@@ -59,7 +59,7 @@ void ClNorvakKR7SDK::SetProperty(ePropertyIDs id, unsigned int value) {
     CXDeviceLock lock(*this);
     switch (id) {
         case ePropFixedOne:
-            throw ClVCException(err::kReadOnlyPropertyText, err::kReadOnlyProperty);
+            throw ClVCException(err::kReadOnlyPropertyText, vc::FGERR_PROPERTY_READ_ONLY);
         case ePropFakeFingerDetection:
             // Read when the next channel is activated; no device call now.
             if (!m_pFakeFingerOverride) {
@@ -80,7 +80,7 @@ void ClNorvakKR7SDK::SetProperty(ePropertyIDs id, unsigned int value) {
                 // The LED stays as it was, and so must the state the property
                 // reads and a capture restores: it is sent back. (Closing a
                 // disconnected scanner switches both off instead.)
-                if (code != static_cast<unsigned long>(err::kDisconnected)) {
+                if (code != static_cast<unsigned long>(vc::FGERR_DISCONNECTED)) {
                     switchLED(before);
                 }
                 ThrowScannerError(code, "Switch the LED failed");
@@ -134,9 +134,9 @@ bool ClNorvakKR7SDK::CheckScannerError(unsigned long code) {
             return false;
         case 31u:
             Log(7, "QV2 scanner. The scanner is disconnected.");
-            SetLastFGError(err::kDisconnected, err::kDisconnectedText);
+            SetLastFGError(vc::FGERR_DISCONNECTED, err::kDisconnectedText);
             UninitializeScanner();
-            throw ClVCException(err::kDisconnectedText, err::kDisconnected);
+            throw ClVCException(err::kDisconnectedText, vc::FGERR_DISCONNECTED);
         default:
             Log(3, "QV2 scanner. Scanner error: 0x%x", static_cast<unsigned int>(code));
             SetLastFGError(code, "Capture frame failed.");
@@ -176,7 +176,7 @@ void ClNorvakKR7SDK::SetActiveScanner(unsigned long index) {
     if (!m_pScanner->SetScanInterface(index)) {
         const unsigned long code = m_pScanner->GetLastError();
         if (code == 259) {
-            throw ClVCException(err::kBadDeviceIndexText, err::kBadDeviceIndex);
+            throw ClVCException(err::kBadDeviceIndexText, vc::FGERR_BAD_DEVICE_INDEX);
         }
         throw ClVCException("SetActiveScanner failed", static_cast<int>(code));
     }
@@ -222,7 +222,7 @@ void ClNorvakKR7SDK::GetSDKInfo(char* buffer, unsigned long& size) {
     const unsigned long needed = m_SDKInfo.Length() + 1;
     if (buffer == nullptr) {
         size = needed;
-        throw ClVCException(err::kMoreDataText, err::kMoreData);
+        throw ClVCException(err::kMoreDataText, vc::FGERR_MORE_DATA);
     }
     std::memcpy(buffer, m_SDKInfo.Data(), size < needed ? size : needed);
     size = needed;
@@ -234,7 +234,7 @@ void ClNorvakKR7SDK::AvailableScanners(DeviceInfo* list, unsigned long& count) {
         // An array without room for the list is the host's 17 whatever the
         // API's last error says.
         const unsigned long code = m_pScanner->ListDidNotFit()
-                                       ? static_cast<unsigned long>(err::kMoreData)
+                                       ? static_cast<unsigned long>(vc::FGERR_MORE_DATA)
                                        : m_pScanner->GetLastError();
         throw ClVCException("Get scanner list failed.", static_cast<int>(code));
     }
@@ -252,10 +252,10 @@ std::string ClNorvakKR7SDK::GetRevisionStr() const {
 
 void ClNorvakKR7SDK::ContaminationDetection(unsigned int ch, double* result) {
     if (ch != 1) {
-        throw ClVCException(err::kBadChannelText, err::kBadChannel);
+        throw ClVCException(err::kBadChannelText, vc::FGERR_BAD_CHANNEL);
     }
     if (result == nullptr) {
-        throw ClVCException("The result pointer is null.", err::kOther);
+        throw ClVCException("The result pointer is null.", vc::FGERR_FAILED);
     }
     CXDeviceLock lock(*this);
     InitializeScanner();

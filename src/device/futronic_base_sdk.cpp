@@ -25,7 +25,7 @@ constexpr std::uint8_t kSerialBlockMark = 0xBA;
 constexpr std::uint16_t kVersionPartUnknown = 0xFFFF;
 
 [[noreturn]] void ThrowNotSupported() {
-    throw ClQV2NOTImplException(err::kHardwareNotSupportedText, err::kHardwareNotSupported);
+    throw ClQV2NOTImplException(err::kHardwareNotSupportedText, vc::FGERR_HARDWARE_NOT_SUPPORTED);
 }
 
 // After a capture the LEDs are switched on again. A successful
@@ -376,12 +376,12 @@ bool ClFutronicBaseSDK::GetScannerList(DeviceInfo* list, unsigned long& count) {
     if (count == 0 || list == nullptr) {
         count = connected;
         m_bListDidNotFit = true;
-        SetLastError(err::kMoreData);
+        SetLastError(vc::FGERR_MORE_DATA);
         return false;
     }
     if (connected > count) {
         m_bListDidNotFit = true;
-        SetLastError(err::kMoreData);
+        SetLastError(vc::FGERR_MORE_DATA);
         return false;
     }
     unsigned long filled = 0;

@@ -133,14 +133,14 @@ void ClNorvakKR7SDK::InitializeScanner() {
         Log(7,
             "QV2 scanner. The base version of API was detected. The extended memory couldn't "
             "be used.");
-        throw ClVCException(err::kApiVersionText, err::kApiVersion);
+        throw ClVCException(err::kApiVersionText, vc::FGERR_API_VERSION_NOT_SUPPORTED);
     }
     Log(7, "QV2 scanner. The extended memory was detected.");
     try {
         m_pCalibration.reset(new CXCalibration(*m_pScanner));
     } catch (const Nvk::ClHeaderFormatException& e) {
         Log(3, "QV2 scanner. HeaderFormatException: %s", e.GetDescription());
-        throw ClVCException(e.GetDescription(), err::kCalibrationCorrupt);
+        throw ClVCException(e.GetDescription(), vc::FGERR_CALIBRATION_CORRUPT);
     }
     m_bScannerInitialized = true;
 }
@@ -184,7 +184,7 @@ FTRSCAN_IMAGE_SIZE ClNorvakKR7SDK::ReadImageSize() {
         size.nHeight > kMaxFrameSide || size.nImageSize <= 0 ||
         size.nImageSize > ClSimpleBitmap::BPRow(size.nWidth, 8) * size.nHeight ||
         size.nImageSize < pixels) {
-        throw ClVCException("Couldn't read the image size of scanner.", err::kOther);
+        throw ClVCException("Couldn't read the image size of scanner.", vc::FGERR_FAILED);
     }
     return size;
 }
@@ -260,7 +260,7 @@ void ClNorvakKR7SDK::ApplyFakeFingerOption() {
 }
 
 void ClNorvakKR7SDK::ThrowScannerError(unsigned long code, const char* text) {
-    if (code == static_cast<unsigned long>(err::kDisconnected)) {
+    if (code == static_cast<unsigned long>(vc::FGERR_DISCONNECTED)) {
         CheckScannerError(code);
     }
     throw ClVCException(text, static_cast<int>(code));
@@ -399,7 +399,7 @@ void ClNorvakKR7SDK::Snap(unsigned int ch, unsigned char** image) {
     Log(7, "QV2 scanner. Calling Snap function. Channel number: %d", ch);
     ClNorvakKR7Channel& channel = Channel(ch);
     if (image == nullptr) {
-        throw ClVCException("The image pointer is null.", err::kOther);
+        throw ClVCException("The image pointer is null.", vc::FGERR_FAILED);
     }
     channel.StopCapture();
     CXDeviceLock lock(*this);
@@ -470,7 +470,7 @@ void ClNorvakKR7SDK::SetCamera(unsigned int ch, eCameraIDs camera, eColorModeIDs
     Log(7, "QV2 scanner. SetCamera. Channel number: %d, camera ID: %d, color mode: %d", ch,
         static_cast<int>(camera), static_cast<int>(colorMode));
     if (colorMode != eColorGray8) {
-        throw ClVCException(err::kBadColorModeText, err::kBadColorMode);
+        throw ClVCException(err::kBadColorModeText, vc::FGERR_COLOR_MODE_NOT_SUPPORTED);
     }
     Channel(ch).SetCamera(camera, eColorGray8);
 }

@@ -15,11 +15,11 @@ FGError TranslateCurrentException(eHandlers handlers) {
         if (handlers == eHandlers::All) {
             return {e.GetErrorNumber(), TextOrEmpty(e.GetDescription())};
         }
-        return {err::kOther, TextOrEmpty(e.What())};
+        return {vc::FGERR_FAILED, TextOrEmpty(e.What())};
     } catch (const Nvk::ClNorvakException& e) {
-        return {err::kOther, TextOrEmpty(e.What())};
+        return {vc::FGERR_FAILED, TextOrEmpty(e.What())};
     } catch (const std::exception& e) {
-        return {err::kOther, TextOrEmpty(e.what())};
+        return {vc::FGERR_FAILED, TextOrEmpty(e.what())};
     }
 }
 

@@ -95,13 +95,13 @@ unsigned int ClNorvakKR7Framegrabber::GetLastError(char* buffer, unsigned long& 
         const unsigned long needed = static_cast<unsigned long>(text.size()) + 1;
         if (buffer == nullptr) {
             size = needed;
-            return Flagged(err::kMoreData);
+            return Flagged(vc::FGERR_MORE_DATA);
         }
         std::memcpy(buffer, text.c_str(), size < needed ? size : needed);
         size = needed;
         return 0;
     } catch (const std::exception&) {
-        return Flagged(err::kOther);
+        return Flagged(vc::FGERR_FAILED);
     }
 }
 
@@ -114,7 +114,7 @@ unsigned int ClNorvakKR7Framegrabber::GetImage(unsigned int ch, unsigned char** 
 unsigned int ClNorvakKR7Framegrabber::SetCamera(unsigned int ch, eCameraIDs camera,
                                                 eColorModeIDs colorMode) {
     const unsigned int checked =
-        Check(CameraCheck(camera), err::kCameraUnknown, err::kCameraUnknownText);
+        Check(CameraCheck(camera), vc::FGERR_CAMERA_NOT_SUPPORTED, err::kCameraUnknownText);
     return Guarded(checked, [&] { ClNorvakKR7SDK::SetCamera(ch, camera, colorMode); });
 }
 
@@ -123,7 +123,7 @@ unsigned int ClNorvakKR7Framegrabber::StartCapture(int handle, unsigned int ch,
                                                    FGResultCallback result, FGErrorCallback error,
                                                    FGWarningCallback warning, void* user) {
     const unsigned int checked =
-        Check(DetectionCheck(mode), err::kBadDetection, err::kBadDetectionText);
+        Check(DetectionCheck(mode), vc::FGERR_DETECTION_NOT_SUPPORTED, err::kBadDetectionText);
     return Guarded(checked, [&] {
         ClNorvakKR7SDK::StartCapture(handle, ch, mode, image, result, error, warning, user);
     });
@@ -134,7 +134,8 @@ unsigned int ClNorvakKR7Framegrabber::StopCapture(unsigned int ch) {
 }
 
 unsigned int ClNorvakKR7Framegrabber::SetFilter(unsigned int ch, eFilterIDs filter) {
-    const unsigned int checked = Check(FilterCheck(filter), err::kBadFilter, err::kBadFilterText);
+    const unsigned int checked =
+        Check(FilterCheck(filter), vc::FGERR_FILTER_NOT_SUPPORTED, err::kBadFilterText);
     return Guarded(checked, [&] { ClNorvakKR7SDK::SetFilter(ch, filter); });
 }
 
@@ -234,35 +235,35 @@ unsigned int ClNorvakKR7Framegrabber::AvailableProperties(ePropertyIDs* list,
 // ---- not supported by this frame grabber ----------------------------------------
 
 unsigned int ClNorvakKR7Framegrabber::WriteEEPROM(const unsigned char*, unsigned long&) {
-    return err::kUnsupportedEEPROM;
+    return vc::FGERR_EEPROM_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::ReadEEPROM(unsigned char*, unsigned long&) {
-    return err::kUnsupportedEEPROM;
+    return vc::FGERR_EEPROM_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::ShowDialog(eDlgIDs, unsigned long) {
-    return err::kUnsupported;
+    return vc::FGERR_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::SaveSetting(unsigned int, unsigned long) {
-    return err::kUnsupported;
+    return vc::FGERR_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::AvailableDialogs(unsigned long, eDlgIDs*, unsigned long&) {
-    return err::kUnsupported;
+    return vc::FGERR_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::SetFGPropertyEx(unsigned int, ePropertyIDs, unsigned long) {
-    return err::kUnsupported;
+    return vc::FGERR_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::GetFGPropertyEx(unsigned int, ePropertyIDs, unsigned long&) {
-    return err::kUnsupported;
+    return vc::FGERR_NOT_SUPPORTED;
 }
 
 unsigned int ClNorvakKR7Framegrabber::AvailablePropertiesEx(ePropertyIDs*, unsigned long&) {
-    return err::kUnsupported;
+    return vc::FGERR_NOT_SUPPORTED;
 }
 
 // ---- life cycle -------------------------------------------------------------

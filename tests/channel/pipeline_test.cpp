@@ -250,7 +250,7 @@ TEST(ChannelBackground, IdleRefreshTakesAnUnfilteredSnapOrReportsTheGrabbersErro
 
     // A failed snap keeps the background and, as hosts have always seen it,
     // leaves the filter off.
-    grabber.result = vc::FGERR_FLAG | 4;
+    grabber.result = vc::FGERR_FLAG | vc::FGERR_BAD_CHANNEL;
     grabber.lastError = "Incorrect channel number for frame grabber";
     ExpectVCError([&] { channel.RefreshBackGround(grabber); }, static_cast<int>(grabber.result),
                   "Incorrect channel number for frame grabber");

@@ -16,7 +16,6 @@
 namespace {
 
 using vc::ClNorvakKR7Framegrabber;
-constexpr unsigned int kFlag = vc::FGERR_FLAG;
 
 using kr7test::Eventually;
 
@@ -85,12 +84,15 @@ TEST_F(Virtual_HostileHost, CallsOutOfOrder) {
     // Values no enumeration or range holds are refused with their number
     // and leave the frame grabber as it was.
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(kFlag | 25, fg.SetAspectRatio(1, nan, 1.0));
-    EXPECT_EQ(kFlag | 25, fg.SetAspectRatio(1, 1.0, -INFINITY));
-    EXPECT_EQ(kFlag | 12, fg.SetFGProperty(static_cast<vc::ePropertyIDs>(-1), 1));
-    EXPECT_EQ(kFlag | 3, fg.SetCamera(1, static_cast<vc::eCameraIDs>(-7), vc::eColorGray8));
-    EXPECT_EQ(kFlag | 51, fg.StartCapture(1, 1, static_cast<vc::eCaptureModeIDs>(-1), nullptr,
-                                          nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_ASPECT_RATIO, fg.SetAspectRatio(1, nan, 1.0));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_ASPECT_RATIO, fg.SetAspectRatio(1, 1.0, -INFINITY));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_PROPERTY_NOT_SUPPORTED,
+              fg.SetFGProperty(static_cast<vc::ePropertyIDs>(-1), 1));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_CAMERA_NOT_SUPPORTED,
+              fg.SetCamera(1, static_cast<vc::eCameraIDs>(-7), vc::eColorGray8));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_OUT_OF_MEMORY,
+              fg.StartCapture(1, 1, static_cast<vc::eCaptureModeIDs>(-1), nullptr, nullptr, nullptr,
+                              nullptr, nullptr));
     ASSERT_EQ(0u, counter.Start(fg));
     ASSERT_TRUE(counter.FramesFlow());
 }
@@ -127,11 +129,12 @@ TEST_F(Virtual_HostileHost, TwoHostThreadsCallAtOnce) {
         expect(fg.Freeze(1, false));
         expect(fg.SetFGProperty(vc::ePropGreenLED, static_cast<unsigned int>(rounds % 2)));
         expect(fg.GetFGProperty(vc::ePropRedLED, value));
-        expect(fg.SetFGProperty(static_cast<vc::ePropertyIDs>(99), 1), kFlag | 12);
-        expect(fg.GetLastError(nullptr, size), kFlag | 17);
+        expect(fg.SetFGProperty(static_cast<vc::ePropertyIDs>(99), 1),
+               vc::FGERR_FLAG | vc::FGERR_PROPERTY_NOT_SUPPORTED);
+        expect(fg.GetLastError(nullptr, size), vc::FGERR_FLAG | vc::FGERR_MORE_DATA);
         std::string text(size, '\0');
         expect(fg.GetLastError(&text[0], size));
-        expect(fg.GetInfo(nullptr, size), kFlag | 17);
+        expect(fg.GetInfo(nullptr, size), vc::FGERR_FLAG | vc::FGERR_MORE_DATA);
         ++rounds;
     }
     starter.join();

@@ -33,7 +33,6 @@ const bool kScenario = [] {
     return true;
 }();
 
-constexpr unsigned int kFlag = vc::FGERR_FLAG;
 constexpr int kUntouched = -1;
 constexpr unsigned long kSentinelCode = 77;
 
@@ -49,7 +48,7 @@ unsigned long LastCode(ClNorvakKR7Framegrabber& fg) {
 // The last error's text as a host reads it: size query, then the copy.
 std::string LastText(vc::ClFramegrabber& fg) {
     unsigned long size = 0;
-    EXPECT_EQ(kFlag | 17u, fg.GetLastError(nullptr, size));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.GetLastError(nullptr, size));
     std::string text(size, '#');
     EXPECT_EQ(0u, fg.GetLastError(&text[0], size));
     EXPECT_EQ('\0', text.back());
@@ -82,46 +81,55 @@ TEST(FramegrabberFacade, ResultsAndLastErrors) {
         {"known camera", [](auto& fg) { return fg.SetCamera(1, eCameraKR7, eColorGray8); }, 0,
          kUntouched},
         {"unknown camera, accepted by the channel",
-         [](auto& fg) { return fg.SetCamera(1, eCameraType5, eColorGray8); }, kFlag | 3, 3,
+         [](auto& fg) { return fg.SetCamera(1, eCameraType5, eColorGray8); },
+         FGERR_FLAG | FGERR_CAMERA_NOT_SUPPORTED, FGERR_CAMERA_NOT_SUPPORTED,
          e::kCameraUnknownText},
         {"unknown camera on channel 2: the forward's error wins",
-         [](auto& fg) { return fg.SetCamera(2, eCameraType5, eColorGray8); }, kFlag | 4, 4,
-         e::kBadChannelText},
+         [](auto& fg) { return fg.SetCamera(2, eCameraType5, eColorGray8); },
+         FGERR_FLAG | FGERR_BAD_CHANNEL, FGERR_BAD_CHANNEL, e::kBadChannelText},
         {"colour mode 1, before any channel lookup",
-         [](auto& fg) { return fg.SetCamera(0, eCameraKR7, eColorModeIDs(1)); }, kFlag | 9, 9,
+         [](auto& fg) { return fg.SetCamera(0, eCameraKR7, eColorModeIDs(1)); },
+         FGERR_FLAG | FGERR_COLOR_MODE_NOT_SUPPORTED, FGERR_COLOR_MODE_NOT_SUPPORTED,
          e::kBadColorModeText},
         {"rolled mode: not listed, started all the same", [&](auto& fg) { return start(fg, 2); },
-         kFlag | 10, 10, e::kBadDetectionText},
-        {"capture mode 99: no detector", [&](auto& fg) { return start(fg, 99); }, kFlag | 51, 51,
-         e::kNoStorageText},
+         FGERR_FLAG | FGERR_DETECTION_NOT_SUPPORTED, FGERR_DETECTION_NOT_SUPPORTED,
+         e::kBadDetectionText},
+        {"capture mode 99: no detector", [&](auto& fg) { return start(fg, 99); },
+         FGERR_FLAG | FGERR_OUT_OF_MEMORY, FGERR_OUT_OF_MEMORY, e::kNoStorageText},
         {"background filter", [](auto& fg) { return fg.SetFilter(1, eFilterSubtractBackground); },
-         kFlag | 11, 11, e::kBadFilterText},
-        {"filter 99", [](auto& fg) { return fg.SetFilter(1, eFilterIDs(99)); }, kFlag | 11, 11},
+         FGERR_FLAG | FGERR_FILTER_NOT_SUPPORTED, FGERR_FILTER_NOT_SUPPORTED, e::kBadFilterText},
+        {"filter 99", [](auto& fg) { return fg.SetFilter(1, eFilterIDs(99)); },
+         FGERR_FLAG | FGERR_FILTER_NOT_SUPPORTED, FGERR_FILTER_NOT_SUPPORTED},
         {"property 99 read", [&](auto& fg) { return fg.GetFGProperty(ePropertyIDs(99), property); },
-         kFlag | 12, 12, e::kBadPropertyText},
+         FGERR_FLAG | FGERR_PROPERTY_NOT_SUPPORTED, FGERR_PROPERTY_NOT_SUPPORTED,
+         e::kBadPropertyText},
         {"property 99 written", [](auto& fg) { return fg.SetFGProperty(ePropertyIDs(99), 1); },
-         kFlag | 12, 12},
+         FGERR_FLAG | FGERR_PROPERTY_NOT_SUPPORTED, FGERR_PROPERTY_NOT_SUPPORTED},
         {"read-only property", [](auto& fg) { return fg.SetFGProperty(ePropFixedOne, 1); },
-         kFlag | 18, 18, e::kReadOnlyPropertyText},
+         FGERR_FLAG | FGERR_PROPERTY_READ_ONLY, FGERR_PROPERTY_READ_ONLY, e::kReadOnlyPropertyText},
         {"aspect ratio below 1", [](auto& fg) { return fg.SetAspectRatio(1, 0.5, 1.0); },
-         kFlag | 25, 25, e::kBadAspectRatioText},
-        {"no place for the image", [](auto& fg) { return fg.GetImage(1, nullptr); }, kFlag | 23,
-         23},
+         FGERR_FLAG | FGERR_BAD_ASPECT_RATIO, FGERR_BAD_ASPECT_RATIO, e::kBadAspectRatioText},
+        {"no place for the image", [](auto& fg) { return fg.GetImage(1, nullptr); },
+         FGERR_FLAG | FGERR_FAILED, FGERR_FAILED},
         {"events", [](auto& fg) { return fg.EnableEvents(0, 9, nullptr, nullptr); }, 0, kUntouched},
         {"FreeImage of nothing", [](auto& fg) { return fg.FreeImage(nullptr); }, 0, kUntouched},
         // Not supported: bare numbers, no last error.
-        {"WriteEEPROM", [&](auto& fg) { return fg.WriteEEPROM(data, size); }, 14, kUntouched},
-        {"ReadEEPROM", [&](auto& fg) { return fg.ReadEEPROM(data, size); }, 14, kUntouched},
-        {"ShowDialog", [](auto& fg) { return fg.ShowDialog(eDlgIDs(0), 0); }, 22, kUntouched},
-        {"SaveSetting", [](auto& fg) { return fg.SaveSetting(1, 2); }, 22, kUntouched},
-        {"AvailableDialogs", [&](auto& fg) { return fg.AvailableDialogs(0, nullptr, size); }, 22,
+        {"WriteEEPROM", [&](auto& fg) { return fg.WriteEEPROM(data, size); },
+         FGERR_EEPROM_NOT_SUPPORTED, kUntouched},
+        {"ReadEEPROM", [&](auto& fg) { return fg.ReadEEPROM(data, size); },
+         FGERR_EEPROM_NOT_SUPPORTED, kUntouched},
+        {"ShowDialog", [](auto& fg) { return fg.ShowDialog(eDlgIDs(0), 0); }, FGERR_NOT_SUPPORTED,
          kUntouched},
-        {"SetFGPropertyEx", [](auto& fg) { return fg.SetFGPropertyEx(1, ePropRedLED, 1); }, 22,
+        {"SaveSetting", [](auto& fg) { return fg.SaveSetting(1, 2); }, FGERR_NOT_SUPPORTED,
          kUntouched},
-        {"GetFGPropertyEx", [&](auto& fg) { return fg.GetFGPropertyEx(1, ePropRedLED, value); }, 22,
-         kUntouched},
+        {"AvailableDialogs", [&](auto& fg) { return fg.AvailableDialogs(0, nullptr, size); },
+         FGERR_NOT_SUPPORTED, kUntouched},
+        {"SetFGPropertyEx", [](auto& fg) { return fg.SetFGPropertyEx(1, ePropRedLED, 1); },
+         FGERR_NOT_SUPPORTED, kUntouched},
+        {"GetFGPropertyEx", [&](auto& fg) { return fg.GetFGPropertyEx(1, ePropRedLED, value); },
+         FGERR_NOT_SUPPORTED, kUntouched},
         {"AvailablePropertiesEx", [&](auto& fg) { return fg.AvailablePropertiesEx(nullptr, size); },
-         22, kUntouched},
+         FGERR_NOT_SUPPORTED, kUntouched},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -159,7 +167,7 @@ TEST(FramegrabberFacade, ChannelsOtherThanOneAreRefused) {
                  fg.SetCallbacks(narrow, nullptr, nullptr),
                  fg.ContaminationDetection(ch, &contamination),
              }) {
-            EXPECT_EQ(kFlag | 4, result);
+            EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_CHANNEL, result);
         }
         EXPECT_EQ(nullptr, image);
         EXPECT_EQ(err::kBadChannelText, LastText(fg));
@@ -177,10 +185,10 @@ void ExpectList(unsigned int (ClNorvakKR7Framegrabber::*copy)(Id*, unsigned long
     std::vector<std::uint32_t> buffer(n + 1, 0xEEEEEEEEu);
     Id* list = reinterpret_cast<Id*>(buffer.data());
     unsigned long count = 5;
-    EXPECT_EQ(kFlag | 17, (fg.*copy)(nullptr, count));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*copy)(nullptr, count));
     EXPECT_EQ(n, count);
     count = n - 1;
-    EXPECT_EQ(kFlag | 17, (fg.*copy)(list, count));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*copy)(list, count));
     EXPECT_EQ(n, count);
     EXPECT_EQ(0xEEEEEEEEu, buffer[n - 1]);  // nothing beyond the room given
     count = n + 1;
@@ -212,7 +220,7 @@ TEST(FramegrabberFacade, TextGettersAnswerSizeQueriesAndCutCopies) {
         SCOPED_TRACE(g.text);
         const unsigned long needed = g.text.size() + 1;
         unsigned long size = 0;
-        EXPECT_EQ(kFlag | 17, (fg.*g.get)(nullptr, size));
+        EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*g.get)(nullptr, size));
         EXPECT_EQ(needed, size);
         char buffer[64];
         std::memset(buffer, '#', sizeof buffer);
@@ -255,7 +263,7 @@ TEST_F(Virtual_Facade, LifeCycleAroundInitialisation) {
     using Client = Nvk::utilities::ClLoggingFacilityClient;
     // Before Initizalize everything works, only without logging.
     unsigned long size = 0;
-    EXPECT_EQ(kFlag | 17, fg.GetInfo(nullptr, size));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.GetInfo(nullptr, size));
     EXPECT_EQ(vc::err::kMoreDataText, LastText(fg));
     std::vector<char> info(size, '#');
     const unsigned long needed = size;

@@ -28,10 +28,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned int kErrorFlag = 0x10000000u;
-// StartCapture's answer for a mode the plug-in does not list; it captures anyway.
-constexpr unsigned int kDetectionNotListed = 10;
-
 bool IsFingerMode(vc::eCaptureModeIDs mode) {
     return mode == vc::eCapturePlainFinger || mode == vc::eCaptureFastPlainFinger ||
            mode == vc::eCaptureRolledFinger;
@@ -326,7 +322,7 @@ int Capture(Plugin& plugin, const CaptureOptions& options, const Output& output,
     const Clock::time_point start = Clock::now();
     const unsigned int started = fg.StartCapture(1, 1, mode, &Session::OnImage, &Session::OnResult,
                                                  &Session::OnError, &Session::OnWarning, &session);
-    if (started == (kErrorFlag | kDetectionNotListed)) {
+    if (started == (vc::FGERR_FLAG | vc::FGERR_DETECTION_NOT_SUPPORTED)) {
         if (!output.quiet) {
             std::fprintf(stderr,
                          "kr7: note: the plug-in does not list %s capture; it runs it anyway "

@@ -12,15 +12,6 @@ namespace kr7 {
 
 namespace {
 
-// Set in the result of a failed call.
-constexpr unsigned int kErrorFlag = 0x10000000u;
-// "More data": the answer to a size query.
-constexpr unsigned int kMoreData = 17;
-// A library the plug-in needs could not be loaded.
-// The plug-in reports a library it could not load (or a symbol missing in
-// one) as error 23 with the loader's text, which names the file.
-constexpr unsigned int kLibraryNotLoaded = 23;
-
 bool IsFolder(const std::string& path) {
     struct stat info;
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -180,7 +171,7 @@ std::string Plugin::LastError() {
 }
 
 Failure Plugin::Error(const char* operation, unsigned int result) {
-    const unsigned int number = result & ~kErrorFlag;
+    const unsigned int number = result & ~vc::FGERR_FLAG;
     char head[160];
     std::snprintf(head, sizeof head, "%s failed: error %u (0x%08x)", operation, number, result);
     const std::string text = LastError();
@@ -188,7 +179,7 @@ Failure Plugin::Error(const char* operation, unsigned int result) {
     if (!text.empty()) {
         message += ": " + text;
     }
-    if (number == kLibraryNotLoaded && text.find(".so") != std::string::npos) {
+    if (number == vc::FGERR_LIBRARY_NOT_LOADED && text.find(".so") != std::string::npos) {
         if (!m_bVirtual) {
             message +=
                 "\n  the scanner's libraries are not installed? Try --virtual to use the "
@@ -216,7 +207,7 @@ std::string Plugin::Version() {
 std::vector<std::string> Plugin::Info() {
     unsigned long size = 0;
     const unsigned int query = m_pGrabber->GetInfo(nullptr, size);
-    if (query != kMoreData && query != (kErrorFlag | kMoreData)) {
+    if (query != vc::FGERR_MORE_DATA && query != (vc::FGERR_FLAG | vc::FGERR_MORE_DATA)) {
         Check("GetInfo", query);
     }
     std::string packed(size + 2, '\0');
@@ -233,7 +224,7 @@ std::vector<std::string> Plugin::Info() {
 std::vector<vc::DeviceInfo> Plugin::Devices() {
     unsigned long count = 0;
     const unsigned int query = m_pGrabber->AvailableDevices(nullptr, count);
-    if (query != (kErrorFlag | kMoreData)) {
+    if (query != (vc::FGERR_FLAG | vc::FGERR_MORE_DATA)) {
         Check("AvailableDevices", query);
     }
     std::vector<vc::DeviceInfo> devices(count);
@@ -252,7 +243,7 @@ template <class Id, class Call>
 std::vector<int> Plugin::List(const char* operation, Call call) {
     unsigned long count = 0;
     const unsigned int query = call(static_cast<Id*>(nullptr), count);
-    if (query != kMoreData && query != (kErrorFlag | kMoreData)) {
+    if (query != vc::FGERR_MORE_DATA && query != (vc::FGERR_FLAG | vc::FGERR_MORE_DATA)) {
         Check(operation, query);
     }
     std::vector<Id> list(count);

@@ -35,11 +35,12 @@
 #include <thread>
 #include <vector>
 
+#include <norvakkr7fg/framegrabber.h>
+
 extern char** environ;
 
 namespace {
 
-constexpr unsigned int kFlag = 0x10000000u;
 // The failure is reported through the capture's error callback, which
 // carries only a text.
 constexpr long kCallback = LONG_MIN;
@@ -281,7 +282,7 @@ Usual UsualOutcome(const std::string& operation) {
         {"fake-set", {0, "", 100, false}},
         {"fake-get", {0, "", 0, false}},
         {"list", {0, "", kAny, false}},
-        {"count", {kFlag | 17u, kListFailed, 2, false}},
+        {"count", {vc::FGERR_FLAG | vc::FGERR_MORE_DATA, kListFailed, 2, false}},
         {"select", {0, "", kAny, false}},
         {"active", {0, "", 0, false}},
     };
@@ -468,7 +469,7 @@ void ExpectFailure(const HostRun& run, const std::string& operation, long number
         EXPECT_EQ(usual.result, static_cast<unsigned int>(Number(first["result"])));
         EXPECT_EQ(usual.text, first["text"]);
     } else {
-        const unsigned int expected = static_cast<unsigned int>(number) | kFlag;
+        const unsigned int expected = static_cast<unsigned int>(number) | vc::FGERR_FLAG;
         EXPECT_EQ(expected, static_cast<unsigned int>(Number(first["result"])))
             << "result " << first["result"];
         EXPECT_NE(std::string::npos, first["text"].find(text)) << "last error: " << first["text"];

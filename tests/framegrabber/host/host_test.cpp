@@ -23,7 +23,6 @@
 
 namespace {
 
-constexpr unsigned int kFlag = 0x10000000u;
 constexpr const char* kScenario = "empty 0.3s; place; hold 1.5s; lift 0.5s; repeat";
 
 template <class Done>
@@ -38,7 +37,7 @@ bool Eventually(Done done, std::chrono::seconds limit = std::chrono::seconds(60)
 // The last error's text, read the way the contract describes.
 std::string LastError(vc::ClFramegrabber& fg) {
     unsigned long size = 0;
-    EXPECT_EQ(kFlag | 17u, fg.GetLastError(nullptr, size));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.GetLastError(nullptr, size));
     std::string text(size, '\0');
     EXPECT_EQ(0u, fg.GetLastError(&text[0], size));
     text.resize(size > 0 ? size - 1 : 0);
@@ -229,7 +228,7 @@ TEST_F(Host, ContaminationOfThePlaten) {
     double contamination = -1;
     EXPECT_EQ(0u, fg.ContaminationDetection(1, &contamination));
     EXPECT_GE(contamination, 0.0);
-    EXPECT_EQ(kFlag | 4u, fg.ContaminationDetection(2, &contamination));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_CHANNEL, fg.ContaminationDetection(2, &contamination));
     EXPECT_EQ("Incorrect channel number for frame grabber", LastError(fg));
     EXPECT_EQ(0u, fg.Uninitialize());
 }
@@ -238,7 +237,7 @@ TEST_F(Host, ScannerListAndSelection) {
     setenv("KR7SIM_UNITS", "if=0,serial=KR7UNIT0;if=2,serial=KR7UNIT2", 1);
     vc::ClFramegrabber& fg = Open();
     unsigned long count = 0;
-    EXPECT_EQ(kFlag | 17u, fg.AvailableDevices(nullptr, count));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.AvailableDevices(nullptr, count));
     EXPECT_EQ(2u, count);
     vc::DeviceInfo devices[3];
     std::memset(devices, 0x55, sizeof devices);
@@ -259,7 +258,8 @@ TEST_F(Host, ScannerListAndSelection) {
     EXPECT_NE(std::string::npos, Info(fg, result).find("|KR7UNIT2|"));
     EXPECT_EQ(0u, result);
 
-    EXPECT_EQ(kFlag | 27u, fg.SetActiveDevice(1));  // no scanner there
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_DEVICE_INDEX,
+              fg.SetActiveDevice(1));  // no scanner there
     EXPECT_EQ("The device index out of range or is not supported by frame grabber", LastError(fg));
     EXPECT_EQ(0u, fg.Uninitialize());
 }
@@ -284,7 +284,7 @@ TEST_P(MissingLibrary, IsReportedAndSurvived) {
     vc::ClFramegrabber& fg = Open();  // logging may be missing too: still 0
     unsigned int result = 0;
     Info(fg, result);
-    EXPECT_EQ(kFlag | m.number, result);
+    EXPECT_EQ(vc::FGERR_FLAG | m.number, result);
     const std::string text = LastError(fg);
     EXPECT_NE(std::string::npos, text.find(m.text)) << text;
 
@@ -298,20 +298,25 @@ TEST_P(MissingLibrary, IsReportedAndSurvived) {
     EXPECT_EQ(0u, fg.StopCapture(1));
 
     unsigned char* image = nullptr;
-    EXPECT_EQ(kFlag | m.number, fg.GetImage(1, &image));
+    EXPECT_EQ(vc::FGERR_FLAG | m.number, fg.GetImage(1, &image));
     EXPECT_EQ(nullptr, image);
     EXPECT_EQ(0u, fg.Uninitialize());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Libraries, MissingLibrary,
-    ::testing::Values(
-        Missing{"NoScannerApi", 23, "libQV2ScanAPI.so: cannot open shared object file"},
-        Missing{"NoBaseEntry", 23, "undefined symbol: ftrScanGetImage2"},
-        Missing{"NoExtended", 40, "The QV2 API version isn't more supported"},
-        Missing{"NoCalibration", 23, "libnorvakcalibratesdk.so: cannot open shared object file"},
-        Missing{"NoContamination", 23, "undefined symbol: ContaminationDetection"},
-        Missing{"NoLibraries", 23, "libQV2ScanAPI.so: cannot open shared object file"}),
+    ::testing::Values(Missing{"NoScannerApi", vc::FGERR_LIBRARY_NOT_LOADED,
+                              "libQV2ScanAPI.so: cannot open shared object file"},
+                      Missing{"NoBaseEntry", vc::FGERR_LIBRARY_NOT_LOADED,
+                              "undefined symbol: ftrScanGetImage2"},
+                      Missing{"NoExtended", vc::FGERR_API_VERSION_NOT_SUPPORTED,
+                              "The QV2 API version isn't more supported"},
+                      Missing{"NoCalibration", vc::FGERR_LIBRARY_NOT_LOADED,
+                              "libnorvakcalibratesdk.so: cannot open shared object file"},
+                      Missing{"NoContamination", vc::FGERR_LIBRARY_NOT_LOADED,
+                              "undefined symbol: ContaminationDetection"},
+                      Missing{"NoLibraries", vc::FGERR_LIBRARY_NOT_LOADED,
+                              "libQV2ScanAPI.so: cannot open shared object file"}),
     [](const ::testing::TestParamInfo<Missing>& info) { return std::string(info.param.name); });
 
 }  // namespace
