@@ -4,7 +4,6 @@
 // test of its own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <png.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,237 +16,50 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
+#include "kr7host/image.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
+using kr7host::Image;
+
 constexpr const char* kScenario = "empty 0.3s; place; hold 1s; lift 0.5s; repeat";
 
-// ---- a small JSON reader ------------------------------------------------------
-
-struct Json {
-    enum Kind { Null, Bool, Number, String, Array, Object } kind = Null;
-    bool boolean = false;
-    double number = 0;
-    std::string text;
-    std::vector<Json> items;
-    std::map<std::string, Json> members;
-
-    const Json& operator[](const std::string& key) const {
-        static const Json missing;
-        const auto it = members.find(key);
-        return it == members.end() ? missing : it->second;
-    }
-};
-
-class JsonReader {
-public:
-    explicit JsonReader(const std::string& text) : m_text(text) {}
-
-    // False unless the whole text is one JSON value (surrounding space allowed).
-    bool Read(Json& value) {
-        if (!Value(value)) {
-            return false;
-        }
-        Space();
-        return m_at == m_text.size();
-    }
-
-private:
-    void Space() {
-        while (m_at < m_text.size() && std::strchr(" \t\r\n", m_text[m_at]) != nullptr) {
-            ++m_at;
-        }
-    }
-    bool Literal(const char* word) {
-        const std::size_t n = std::strlen(word);
-        if (m_text.compare(m_at, n, word) != 0) {
-            return false;
-        }
-        m_at += n;
-        return true;
-    }
-    bool StringValue(std::string& out) {
-        if (m_text[m_at++] != '"') {
-            return false;
-        }
-        while (m_at < m_text.size() && m_text[m_at] != '"') {
-            char c = m_text[m_at++];
-            if (static_cast<unsigned char>(c) < 0x20) {
-                return false;  // control characters must be escaped
-            }
-            if (c == '\\') {
-                if (m_at >= m_text.size()) {
-                    return false;
-                }
-                const char e = m_text[m_at++];
-                const char* from = "\"\\/bfnrt";
-                const char* to = "\"\\/\b\f\n\r\t";
-                if (e == 'u' && m_at + 4 <= m_text.size()) {
-                    c = static_cast<char>(std::stoi(m_text.substr(m_at, 4), nullptr, 16));
-                    m_at += 4;
-                } else if (const char* p = std::strchr(from, e); p != nullptr && e != '\0') {
-                    c = to[p - from];
-                } else {
-                    return false;
-                }
-            }
-            out += c;
-        }
-        return m_at++ < m_text.size();
-    }
-    bool Value(Json& value) {
-        Space();
-        if (m_at >= m_text.size()) {
-            return false;
-        }
-        const char c = m_text[m_at];
-        if (c == '{' || c == '[') {
-            value.kind = c == '{' ? Json::Object : Json::Array;
-            ++m_at;
-            Space();
-            if (m_at < m_text.size() && m_text[m_at] == (c == '{' ? '}' : ']')) {
-                ++m_at;
-                return true;
-            }
-            for (;;) {
-                Json item;
-                std::string key;
-                if (c == '{') {
-                    Space();
-                    if (m_at >= m_text.size() || !StringValue(key)) {
-                        return false;
-                    }
-                    Space();
-                    if (m_at >= m_text.size() || m_text[m_at++] != ':') {
-                        return false;
-                    }
-                }
-                if (!Value(item)) {
-                    return false;
-                }
-                if (c == '{') {
-                    value.members[key] = std::move(item);
-                } else {
-                    value.items.push_back(std::move(item));
-                }
-                Space();
-                if (m_at >= m_text.size()) {
-                    return false;
-                }
-                const char next = m_text[m_at++];
-                if (next == (c == '{' ? '}' : ']')) {
-                    return true;
-                }
-                if (next != ',') {
-                    return false;
-                }
-            }
-        }
-        if (c == '"') {
-            value.kind = Json::String;
-            return StringValue(value.text);
-        }
-        if (Literal("true") || Literal("false")) {
-            value.kind = Json::Bool;
-            value.boolean = m_text[m_at - 1] == 'e' && m_text[m_at - 2] == 'u';
-            return true;
-        }
-        if (Literal("null")) {
-            return true;
-        }
-        char* end = nullptr;
-        value.kind = Json::Number;
-        value.number = std::strtod(m_text.c_str() + m_at, &end);
-        const std::size_t length = static_cast<std::size_t>(end - (m_text.c_str() + m_at));
-        m_at += length;
-        return length > 0;
-    }
-
-    const std::string& m_text;
-    std::size_t m_at = 0;
-};
+using Json = nlohmann::json;
 
 Json ParseJson(const std::string& text) {
-    Json value;
-    EXPECT_TRUE(JsonReader(text).Read(value)) << "not one JSON document:\n" << text;
+    Json value = Json::parse(text, nullptr, false);
+    EXPECT_FALSE(value.is_discarded()) << "not one JSON document:\n" << text;
     return value;
 }
 
 // ---- image files --------------------------------------------------------------
-
-struct Image {
-    int width = 0;
-    int height = 0;
-    std::vector<std::uint8_t> pixels;  // grey, top-down
-};
 
 std::string Slurp(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-std::uint32_t Le32(const std::string& bytes, std::size_t at) {
-    std::uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) {
-        value = value << 8 | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
-    }
-    return value;
-}
-
-// Reads a PNG, BMP (8-bit, grey ramp) or binary PGM file; fails the test
-// when the file is not a well-formed one.
+// A PNG, BMP or PGM file kr7 wrote; fails the test when it cannot be read.
+// PNG and BMP files carry the scanner's 500 pixels per inch.
 Image ReadImage(const fs::path& path) {
     Image image;
-    const std::string extension = path.extension().string();
-    if (extension == ".png") {
-        png_image png;
-        std::memset(&png, 0, sizeof png);
-        png.version = PNG_IMAGE_VERSION;
-        EXPECT_TRUE(png_image_begin_read_from_file(&png, path.c_str())) << path;
-        png.format = PNG_FORMAT_GRAY;
-        image.width = static_cast<int>(png.width);
-        image.height = static_cast<int>(png.height);
-        image.pixels.resize(PNG_IMAGE_SIZE(png));
-        EXPECT_TRUE(png_image_finish_read(&png, nullptr, image.pixels.data(), 0, nullptr)) << path;
-        png_image_free(&png);
-    } else if (extension == ".bmp") {
-        const std::string bytes = Slurp(path);
-        EXPECT_GE(bytes.size(), 54u + 1024u) << path;
-        if (bytes.size() < 54 + 1024) {
-            return image;
-        }
-        EXPECT_EQ("BM", bytes.substr(0, 2));
-        EXPECT_EQ(bytes.size(), Le32(bytes, 2));
-        EXPECT_EQ(8u, Le32(bytes, 28) & 0xFFFF);
-        image.width = static_cast<int>(Le32(bytes, 18));
-        image.height = static_cast<int>(Le32(bytes, 22));
-        const std::size_t stride = (static_cast<std::size_t>(image.width) + 3) / 4 * 4;
-        const std::size_t offset = Le32(bytes, 10);
-        EXPECT_EQ(offset + stride * static_cast<std::size_t>(image.height), bytes.size());
-        for (int y = image.height - 1; y >= 0 && offset + stride * image.height <= bytes.size();
-             --y) {
-            const char* row = bytes.data() + offset + stride * static_cast<std::size_t>(y);
-            image.pixels.insert(image.pixels.end(), row, row + image.width);
-        }
-    } else {
-        const std::string bytes = Slurp(path);
-        int maximum = 0, consumed = 0;
-        EXPECT_EQ(3, std::sscanf(bytes.c_str(), "P5 %d %d %d%n", &image.width, &image.height,
-                                 &maximum, &consumed))
-            << path;
-        EXPECT_EQ(255, maximum);
-        const std::size_t start = static_cast<std::size_t>(consumed) + 1;
-        EXPECT_EQ(start + static_cast<std::size_t>(image.width) * image.height, bytes.size());
-        image.pixels.assign(bytes.begin() + static_cast<long>(std::min(start, bytes.size())),
-                            bytes.end());
+    try {
+        image = kr7host::ReadImage(path.string());
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << e.what();
+    }
+    if (kr7host::FormatOf(path.string()) != kr7host::Format::Pgm) {
+        EXPECT_EQ(500, image.ppi) << path;
     }
     return image;
 }
@@ -356,27 +168,27 @@ TEST_F(Kr7, ListAndInfoAsTextAndJson) {
 
     run = Kr7Run({"--virtual", "--device", "2", "--json", "list"}, {units});
     ASSERT_EQ(0, run.status) << run.err;
-    const Json list = ParseJson(run.out);
-    ASSERT_EQ(2u, list["scanners"].items.size());
-    EXPECT_EQ("KR7\"UN\\0", list["scanners"].items[0]["serial"].text);
-    EXPECT_FALSE(list["scanners"].items[0]["active"].boolean);
-    EXPECT_EQ(2, list["scanners"].items[1]["interface"].number);
-    EXPECT_TRUE(list["scanners"].items[1]["active"].boolean);
+    Json list = ParseJson(run.out);
+    ASSERT_EQ(2u, list["scanners"].size());
+    EXPECT_EQ("KR7\"UN\\0", list["scanners"][0]["serial"].get<std::string>());
+    EXPECT_FALSE(list["scanners"][0]["active"].get<bool>());
+    EXPECT_EQ(2, list["scanners"][1]["interface"].get<double>());
+    EXPECT_TRUE(list["scanners"][1]["active"].get<bool>());
 
     run = Kr7Run({"--virtual", "--json", "--device", "2", "info"}, {units});
     ASSERT_EQ(0, run.status) << run.err;
-    const Json info = ParseJson(run.out);
-    EXPECT_EQ("1.13.38.0", info["plugin"]["version"].text);
-    EXPECT_EQ("Norvak QV2 scanner", info["scanner"]["product"].text);
-    EXPECT_EQ("KR7UNIT2", info["scanner"]["serial"].text);
-    EXPECT_EQ("4.2.1", info["scanner"]["hardware"].text);
-    EXPECT_EQ("1.7", info["scanner"]["firmware"].text);
-    EXPECT_EQ("KR7SIM CAL 1.0.0", info["scanner"]["calibration"].text);
-    ASSERT_EQ(2u, info["capture_modes"].items.size());
-    EXPECT_EQ("live", info["capture_modes"].items[0]["name"].text);
-    EXPECT_EQ("plain", info["capture_modes"].items[1]["name"].text);
-    EXPECT_EQ(8, info["cameras"].items.at(0)["id"].number);
-    EXPECT_EQ(4u, info["properties"].items.size());
+    Json info = ParseJson(run.out);
+    EXPECT_EQ("1.13.38.0", info["plugin"]["version"].get<std::string>());
+    EXPECT_EQ("Norvak QV2 scanner", info["scanner"]["product"].get<std::string>());
+    EXPECT_EQ("KR7UNIT2", info["scanner"]["serial"].get<std::string>());
+    EXPECT_EQ("4.2.1", info["scanner"]["hardware"].get<std::string>());
+    EXPECT_EQ("1.7", info["scanner"]["firmware"].get<std::string>());
+    EXPECT_EQ("KR7SIM CAL 1.0.0", info["scanner"]["calibration"].get<std::string>());
+    ASSERT_EQ(2u, info["capture_modes"].size());
+    EXPECT_EQ("live", info["capture_modes"][0]["name"].get<std::string>());
+    EXPECT_EQ("plain", info["capture_modes"][1]["name"].get<std::string>());
+    EXPECT_EQ(8, info["cameras"].at(0)["id"].get<double>());
+    EXPECT_EQ(4u, info["properties"].size());
 
     run = Kr7Run({"--virtual", "info"});
     ASSERT_EQ(0, run.status) << run.err;
@@ -390,10 +202,10 @@ TEST_F(Kr7, SnapWritesTheSameImageInEveryFormat) {
     for (const char* file : {"snap.png", "snap.bmp", "snap.pgm"}) {
         const Outcome run = Kr7Run({"--virtual", "--json", "snap", "-o", file});
         ASSERT_EQ(0, run.status) << run.err;
-        const Json json = ParseJson(run.out);
+        Json json = ParseJson(run.out);
         images.push_back(ReadImage(dir / file));
-        EXPECT_EQ(json["width"].number, images.back().width);
-        EXPECT_EQ(json["height"].number, images.back().height);
+        EXPECT_EQ(json["width"].get<double>(), images.back().width);
+        EXPECT_EQ(json["height"].get<double>(), images.back().height);
     }
     // The virtual scanner gives the same frame in every run: one image,
     // the right way up in all three files.
@@ -408,25 +220,26 @@ TEST_F(Kr7, PlainCaptureKeepsOneResultPerPlacementAndDrawsASheet) {
                                 "2", "--out", "prints", "--sheet", "sheet.png"},
                                {std::string("KR7SIM_SCENARIO=") + kScenario});
     ASSERT_EQ(0, run.status) << run.err;
-    const Json summary = ParseJson(run.out);
-    EXPECT_EQ("count", summary["stopped"].text);
-    EXPECT_TRUE(summary["complete"].boolean);
-    const std::vector<Json>& images = summary["images"].items;
+    Json summary = ParseJson(run.out);
+    EXPECT_EQ("count", summary["stopped"].get<std::string>());
+    EXPECT_TRUE(summary["complete"].get<bool>());
+    Json& images = summary["images"];
     ASSERT_EQ(2u, images.size());
     for (std::size_t i = 0; i < images.size(); ++i) {
-        EXPECT_EQ("prints/result-00" + std::to_string(i + 1) + ".png", images[i]["file"].text);
-        const Image image = ReadImage(dir / images[i]["file"].text);
-        EXPECT_EQ(images[i]["width"].number, image.width);
-        EXPECT_GT(images[i]["area"].number, 0.2);
-        EXPECT_GT(images[i]["contrast"].number, 0.2);
+        EXPECT_EQ("prints/result-00" + std::to_string(i + 1) + ".png",
+                  images[i]["file"].get<std::string>());
+        const Image image = ReadImage(dir / images[i]["file"].get<std::string>());
+        EXPECT_EQ(images[i]["width"].get<double>(), image.width);
+        EXPECT_GT(images[i]["area"].get<double>(), 0.2);
+        EXPECT_GT(images[i]["contrast"].get<double>(), 0.2);
     }
     // The finger is held 1 s (25 frames) and gone for 0.8 s: two placements.
-    EXPECT_GT(images[1]["frame"].number - images[0]["frame"].number, 20);
+    EXPECT_GT(images[1]["frame"].get<double>() - images[0]["frame"].get<double>(), 20);
 
     const Image sheet = ReadImage(dir / "sheet.png");
-    EXPECT_GT(sheet.width, 2 * static_cast<int>(images[0]["width"].number));
-    EXPECT_GT(sheet.height, static_cast<int>(images[0]["height"].number));
-    EXPECT_LT(sheet.height, 2 * static_cast<int>(images[0]["height"].number));
+    EXPECT_GT(sheet.width, 2 * static_cast<int>(images[0]["width"].get<double>()));
+    EXPECT_GT(sheet.height, static_cast<int>(images[0]["height"].get<double>()));
+    EXPECT_LT(sheet.height, 2 * static_cast<int>(images[0]["height"].get<double>()));
 }
 
 TEST_F(Kr7, RolledCaptureIsNotedAndRuns) {
@@ -468,12 +281,12 @@ TEST_F(Kr7, TimeoutWithoutAFingerStopsCleanly) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
     ASSERT_EQ(0, run.status) << run.err;
     EXPECT_CONTAINS(run.err, "timed out after 1 s with 0 of 3 results");
-    const Json summary = ParseJson(run.out);
-    EXPECT_EQ("timeout", summary["stopped"].text);
-    EXPECT_FALSE(summary["complete"].boolean);
+    Json summary = ParseJson(run.out);
+    EXPECT_EQ("timeout", summary["stopped"].get<std::string>());
+    EXPECT_FALSE(summary["complete"].get<bool>());
     // How many frames came in the second depends on the machine's load (a
     // sanitizer build may still be starting the scanner): not checked.
-    EXPECT_TRUE(summary["images"].items.empty());
+    EXPECT_TRUE(summary["images"].empty());
     EXPECT_GT(ReadImage(dir / "s.bmp").width, 0);  // a sheet saying there is nothing
 }
 
@@ -584,7 +397,7 @@ TEST_F(Kr7, PropertiesLedsAndContamination) {
     EXPECT_EQ("1\n", run.out);
     run = Kr7Run({"--virtual", "--json", "prop", "set", "6", "1"});
     EXPECT_EQ(0, run.status) << run.err;
-    EXPECT_EQ(100, ParseJson(run.out)["value"].number);  // read back: on
+    EXPECT_EQ(100, ParseJson(run.out)["value"].get<double>());  // read back: on
     run = Kr7Run({"--virtual", "led", "green", "on"});
     EXPECT_EQ(0, run.status) << run.err;
     EXPECT_EQ("green LED on\n", run.out);
@@ -594,10 +407,10 @@ TEST_F(Kr7, PropertiesLedsAndContamination) {
 
     run = Kr7Run({"--virtual", "--json", "contamination"});
     EXPECT_EQ(0, run.status) << run.err;
-    EXPECT_EQ(0, ParseJson(run.out)["contamination"].number);
+    EXPECT_EQ(0, ParseJson(run.out)["contamination"].get<double>());
     run = Kr7Run({"--virtual", "--json", "contamination"}, {"KR7SIM_UNITS=dirt=20"});
     EXPECT_EQ(0, run.status) << run.err;
-    const double dirty = ParseJson(run.out)["contamination"].number;
+    const double dirty = ParseJson(run.out)["contamination"].get<double>();
     EXPECT_GT(dirty, 0.0);
     EXPECT_LT(dirty, 0.5);
 }

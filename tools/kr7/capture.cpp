@@ -7,17 +7,16 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "image.h"
-#include "json.h"
+#include "kr7host/capture.h"
+#include "quality.h"
 #include "sheet.h"
 
 namespace kr7 {
@@ -27,6 +26,7 @@ volatile std::sig_atomic_t g_interrupted = 0;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using kr7host::Image;
 
 bool IsFingerMode(vc::eCaptureModeIDs mode) {
     return mode == vc::eCapturePlainFinger || mode == vc::eCaptureFastPlainFinger ||
@@ -54,186 +54,450 @@ void MakeFolder(const std::string& folder) {
     }
 }
 
+// Why a capture ended.
+enum class Stop { None, Count, Frames, Timeout, Interrupted, Error };
+
+const char* StopName(Stop stop) {
+    switch (stop) {
+        case Stop::Count:
+            return "count";
+        case Stop::Frames:
+            return "frames";
+        case Stop::Timeout:
+            return "timeout";
+        case Stop::Interrupted:
+            return "interrupted";
+        case Stop::Error:
+            return "error";
+        case Stop::None:
+            break;
+    }
+    return "running";
+}
+
 struct Shot {
-    Gray image;
+    Image image;
     Quality quality;
-    int frame = 0;  // live frames before it
+    std::int64_t frame = 0;  // the plug-in's frames before it
 };
 
-// What the plug-in's callbacks, which run on its capture thread, share with
-// the main thread. In finger modes the detector reports a result on every
-// frame while a finger lies still: of each placement only the darkest result
-// is kept, handed on when the finger has gone (a rolled print is complete
-// in one result).
-class Session {
+Shot Measured(Image&& image, std::int64_t frame) {
+    Shot shot;
+    shot.quality = Measure(image);
+    shot.image = std::move(image);
+    shot.frame = frame < 0 ? 0 : frame;
+    return shot;
+}
+
+// Which images of a capture become files. Live and preview frames all do,
+// up to the number wanted. In the finger modes the detector reports a
+// result on every frame while a finger lies still: of each placement only
+// the darkest result is kept, handed on when the finger has gone (a rolled
+// print is complete in one result).
+class Placements {
 public:
-    Session(vc::eCaptureModeIDs mode, int wanted) : m_eMode(mode), m_nWanted(wanted) {}
+    Placements(vc::eCaptureModeIDs mode, int wanted) : m_eMode(mode), m_nWanted(wanted) {}
 
-    struct Snapshot {
-        int frames = 0;
-        bool finger = false;  // on the platen in the last frame
-        bool taken = false;   // the placement on the platen has given a result
-        Clock::time_point lastResult;
-        std::vector<Shot> shots;  // ready to be written, in order
-        std::vector<std::string> warnings;
-        std::optional<std::string> error;
-        bool stopped = false;  // the capture thread has ended
-    };
-
-    // Waits up to `wait` for a shot, an error or the end of the capture and
-    // hands over what there is.
-    Snapshot Take(std::chrono::milliseconds wait) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, wait, [this] { return m_bNews; });
-        m_bNews = false;
-        Snapshot snapshot;
-        snapshot.frames = m_nFrames;
-        snapshot.finger = m_bFinger;
-        snapshot.taken = m_Best.has_value();
-        snapshot.lastResult = m_LastResult;
-        snapshot.shots.swap(m_vReady);
-        snapshot.warnings.swap(m_vWarnings);
-        snapshot.error = m_Error;
-        snapshot.stopped = m_bStopped;
-        return snapshot;
-    }
-
-    // A live frame; also the stills taken in preview mode.
-    void Frame(const unsigned char* block) {
-        Shot shot;
-        if (!FromPackedBitmap(block, shot.image)) {
-            return;
-        }
-        shot.quality = Measure(shot.image);
-        const bool finger = shot.quality.area >= kFingerArea;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        shot.frame = m_nFrames++;
-        m_bFinger = finger;
+    void Frame(Shot&& shot) {
+        m_bFinger = shot.quality.area >= kFingerArea;
+        ++m_nFrames;
         if (!IsFingerMode(m_eMode)) {
             Hand(std::move(shot));
-        } else if (m_eMode != vc::eCaptureRolledFinger && m_Best && !finger &&
+        } else if (m_eMode != vc::eCaptureRolledFinger && m_Best && !m_bFinger &&
                    m_nLastResultFrame < shot.frame - 1) {
             // No result on the previous frame and no finger on this one.
-            ClosePlacement();
+            Close();
         }
     }
 
-    // Called after the capture has stopped: the placement still open.
-    void Flush() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ClosePlacement();
-    }
-
-    static void OnImage(int, unsigned int, unsigned char* image, void* user) {
-        static_cast<Session*>(user)->Frame(image);
-    }
-
-    static void OnResult(int, unsigned int, int, unsigned char* image, void* user) {
-        Session& self = *static_cast<Session*>(user);
-        Shot shot;
-        if (!FromPackedBitmap(image, shot.image)) {
-            return;
-        }
-        shot.quality = Measure(shot.image);
-        std::lock_guard<std::mutex> lock(self.m_mutex);
-        shot.frame = self.m_nFrames > 0 ? self.m_nFrames - 1 : 0;
-        self.m_nLastResultFrame = shot.frame;
-        self.m_LastResult = Clock::now();
-        if (self.m_eMode == vc::eCaptureRolledFinger) {
-            self.Hand(std::move(shot));
-        } else if (!self.m_Best || shot.quality.mean < self.m_Best->quality.mean) {
-            self.m_Best = std::move(shot);
+    void Result(Shot&& shot) {
+        m_nLastResultFrame = shot.frame;
+        m_LastResult = Clock::now();
+        if (m_eMode == vc::eCaptureRolledFinger) {
+            Hand(std::move(shot));
+        } else if (!m_Best || shot.quality.mean < m_Best->quality.mean) {
+            m_Best = std::move(shot);
         }
     }
 
-    static void OnError(int, unsigned int, const char* text, void* user) {
-        Session& self = *static_cast<Session*>(user);
-        std::lock_guard<std::mutex> lock(self.m_mutex);
-        if (!self.m_Error) {
-            self.m_Error = text != nullptr && *text != '\0' ? text : "unknown capture error";
-        }
-        self.Notify();
-    }
-
-    static void OnWarning(int, unsigned int, const char* text, void* user) {
-        Session& self = *static_cast<Session*>(user);
-        std::lock_guard<std::mutex> lock(self.m_mutex);
-        self.m_vWarnings.emplace_back(text != nullptr ? text : "");
-        self.Notify();
-    }
-
-    static void OnStop(int, unsigned int, void* user) {
-        Session& self = *static_cast<Session*>(user);
-        std::lock_guard<std::mutex> lock(self.m_mutex);
-        self.m_bStopped = true;
-        self.Notify();
-    }
-
-private:
-    // The rest under m_mutex.
-    void Notify() {
-        m_bNews = true;
-        m_changed.notify_all();
-    }
-
-    void Hand(Shot&& shot) {
-        if (m_nHanded < m_nWanted) {
-            ++m_nHanded;
-            m_vReady.push_back(std::move(shot));
-            Notify();
-        }
-    }
-
-    void ClosePlacement() {
+    // The placement still open when the capture has ended.
+    void Close() {
         if (m_Best) {
             Hand(std::move(*m_Best));
             m_Best.reset();
         }
     }
 
+    std::vector<Shot> TakeReady() { return std::exchange(m_vReady, {}); }
+    int Frames() const { return m_nFrames; }
+
+    // What a person at a terminal is asked to do.
+    const char* Prompt() const {
+        switch (m_eMode) {
+            case vc::eCaptureRolledFinger:
+                return m_LastResult != Clock::time_point() &&
+                               Clock::now() - m_LastResult < std::chrono::milliseconds(1500)
+                           ? "Lift the finger"
+                           : "Roll the finger from one nail edge to the other";
+            case vc::eCapturePlainFinger:
+            case vc::eCaptureFastPlainFinger:
+                if (!m_bFinger) {
+                    return "Place a finger on the platen";
+                }
+                return m_Best ? "Lift the finger" : "Hold the finger still";
+            default:
+                return "Taking frames";
+        }
+    }
+    bool Finger() const { return m_bFinger; }
+
+private:
+    void Hand(Shot&& shot) {
+        if (m_nHanded < m_nWanted) {
+            ++m_nHanded;
+            m_vReady.push_back(std::move(shot));
+        }
+    }
+
     const vc::eCaptureModeIDs m_eMode;
     const int m_nWanted;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_bNews = false;
     int m_nHanded = 0;
-    int m_nFrames = 0;
+    int m_nFrames = 0;  // frames looked at
     bool m_bFinger = false;
     std::optional<Shot> m_Best;  // of the placement on the platen
-    int m_nLastResultFrame = -2;
+    std::int64_t m_nLastResultFrame = -2;
     Clock::time_point m_LastResult;
     std::vector<Shot> m_vReady;
-    std::vector<std::string> m_vWarnings;
-    std::optional<std::string> m_Error;
-    bool m_bStopped = false;
 };
-
-// What a person at a terminal is asked to do.
-const char* Prompt(vc::eCaptureModeIDs mode, const Session::Snapshot& now) {
-    switch (mode) {
-        case vc::eCaptureRolledFinger:
-            return now.lastResult != Clock::time_point() &&
-                           Clock::now() - now.lastResult < std::chrono::milliseconds(1500)
-                       ? "Lift the finger"
-                       : "Roll the finger from one nail edge to the other";
-        case vc::eCapturePlainFinger:
-        case vc::eCaptureFastPlainFinger:
-            if (!now.finger) {
-                return "Place a finger on the platen";
-            }
-            return now.taken ? "Lift the finger" : "Hold the finger still";
-        default:
-            return "Taking frames";
-    }
-}
 
 struct Written {
     int number;
     std::string file;
-    int frame;
+    std::int64_t frame;
     int width, height;
     Quality quality;
 };
+
+// One run of kr7 capture: start, wait and collect, finish, report.
+class Run {
+public:
+    Run(kr7host::Plugin& plugin, const CaptureOptions& options, const Output& output,
+        const Scanner& scanner)
+        : m_rPlugin(plugin),
+          m_Options(options),
+          m_Output(output),
+          m_Scanner(scanner),
+          m_bFingers(IsFingerMode(options.mode)),
+          m_nWanted(m_bFingers ? options.count : options.frames),
+          m_Noun(m_bFingers ? "result" : "frame"),
+          m_bTerminal(!output.quiet && isatty(STDERR_FILENO) == 1),
+          m_nKept(m_nWanted <= 16 ? 1 : 2),
+          m_Placements(options.mode, m_nWanted),
+          m_Capture(plugin, {1, options.mode, 8}) {}
+
+    void Start();
+    void Collect();
+    void Finish();
+    int Report();
+
+private:
+    void Take(kr7host::Event&& event);
+    void TakeStill();
+    void WriteReady();
+    void Write(Shot& shot);
+    Stop Check();
+    void Fail(const std::string& error, int status = kPluginError);
+    void DrawStatus();
+    void ClearStatus();
+
+    kr7host::Plugin& m_rPlugin;
+    const CaptureOptions& m_Options;
+    const Output& m_Output;
+    const Scanner& m_Scanner;
+    const bool m_bFingers;
+    const int m_nWanted;
+    const char* const m_Noun;
+    const bool m_bTerminal;
+    // The sheet shows smaller copies when there are many images; they are
+    // kept at half size when there may be many.
+    const int m_nKept;
+    Placements m_Placements;
+    kr7host::Capture m_Capture;
+
+    Clock::time_point m_Start;
+    Stop m_eStop = Stop::None;
+    std::string m_strError;
+    int m_nErrorStatus = kPluginError;
+    std::string m_strCallbackError;  // the first text of the error callback
+    bool m_bEnded = false;           // the plug-in's stop callback came
+    std::int64_t m_nStills = 0;
+    std::vector<Written> m_vWritten;
+    std::vector<SheetEntry> m_vSheet;
+    double m_dSeconds = 0;
+    Clock::time_point m_Drawn, m_RateSince;
+    int m_nRateFrames = 0;
+    double m_dRate = 0;
+};
+
+void Run::Start() {
+    MakeFolder(m_Options.folder);
+    m_Start = m_RateSince = Clock::now();
+    const unsigned int started = m_Capture.Start(1);
+    if (started != 0 && !m_Output.quiet) {
+        std::fprintf(stderr,
+                     "kr7: note: the plug-in does not list %s capture; it runs it anyway "
+                     "(StartCapture: 0x%08x)\n",
+                     ModeName(m_Options.mode), started);
+    }
+    if (m_Options.mode == vc::eCapturePreview && !m_Output.quiet) {
+        std::fprintf(stderr,
+                     "kr7: note: preview images come only on a trigger the host interface does "
+                     "not offer; taking stills with GetImage instead\n");
+    }
+    if (m_Output.Human()) {
+        std::printf("capturing %s %s on scanner %s (interface %u): %d %s%s, at most %g s\n",
+                    ModeName(m_Options.mode), m_bFingers ? "fingers" : "frames",
+                    m_Scanner.serial.c_str(), m_Scanner.index, m_nWanted, m_Noun,
+                    m_nWanted == 1 ? "" : "s", m_Options.timeout);
+        std::fflush(stdout);
+    }
+}
+
+// Until enough images are written, or an error, the timeout or a signal.
+void Run::Collect() {
+    const bool preview = m_Options.mode == vc::eCapturePreview;
+    while (m_eStop == Stop::None) {
+        if (preview) {
+            TakeStill();
+        }
+        if (std::optional<kr7host::Event> event =
+                m_Capture.Next(std::chrono::milliseconds(preview ? 0 : 50))) {
+            Take(std::move(*event));
+        }
+        WriteReady();
+        if (m_eStop == Stop::None) {
+            m_eStop = Check();
+        }
+        if (m_eStop == Stop::None) {
+            DrawStatus();
+        }
+    }
+    ClearStatus();
+}
+
+// Stops the capture and writes what is left, then the sheet.
+void Run::Finish() {
+    try {
+        m_Capture.Stop();
+    } catch (const kr7host::Error& e) {
+        const Failure failure = FromPlugin(e, m_rPlugin.Files().Virtual());
+        Fail(failure.what(), failure.Status());
+    }
+    m_dSeconds = Seconds(Clock::now() - m_Start);
+    while (std::optional<kr7host::Event> event = m_Capture.Next(std::chrono::milliseconds(0))) {
+        Take(std::move(*event));
+    }
+    // A finger still on the platen when the capture ended.
+    m_Placements.Close();
+    WriteReady();
+    if (m_Options.sheet.empty()) {
+        return;
+    }
+    const std::size_t n = m_vSheet.size();
+    const int shown = n <= 16 ? 1 : n <= 64 ? 2 : 4;
+    for (SheetEntry& entry : m_vSheet) {
+        entry.image = Shrink(entry.image, shown / m_nKept);
+    }
+    try {
+        kr7host::WriteImage(MakeSheet(m_vSheet), m_Options.sheet);
+    } catch (const std::exception& e) {
+        Fail(e.what());
+    }
+}
+
+void Run::Take(kr7host::Event&& event) {
+    const bool image = event.kind == kr7host::Kind::Image || event.kind == kr7host::Kind::Result;
+    if (image && event.image.Empty()) {
+        return;  // not an 8-bit bitmap: nothing to keep
+    }
+    switch (event.kind) {
+        case kr7host::Kind::Image:
+            m_Placements.Frame(Measured(std::move(event.image), event.frame));
+            break;
+        case kr7host::Kind::Result:
+            m_Placements.Result(Measured(std::move(event.image), event.frame));
+            break;
+        case kr7host::Kind::Error:
+            if (m_strCallbackError.empty()) {
+                m_strCallbackError = event.text.empty() ? "unknown capture error" : event.text;
+            }
+            break;
+        case kr7host::Kind::Warning:
+            if (!m_Output.quiet) {
+                ClearStatus();
+                std::fprintf(stderr, "kr7: warning: %s\n", event.text.c_str());
+            }
+            break;
+        case kr7host::Kind::Stop:
+            m_bEnded = true;
+            break;
+        case kr7host::Kind::Start:
+            break;
+    }
+}
+
+// A preview capture's image: a still from GetImage.
+void Run::TakeStill() {
+    try {
+        m_Placements.Frame(Measured(m_rPlugin.Snap(), m_nStills++));
+    } catch (const kr7host::Error& e) {
+        const Failure failure = FromPlugin(e, m_rPlugin.Files().Virtual());
+        Fail(failure.what(), failure.Status());
+    }
+}
+
+void Run::WriteReady() {
+    try {
+        for (Shot& shot : m_Placements.TakeReady()) {
+            Write(shot);
+        }
+    } catch (const std::exception& e) {
+        Fail(e.what());
+    }
+}
+
+void Run::Write(Shot& shot) {
+    const int number = static_cast<int>(m_vWritten.size()) + 1;
+    std::string name;
+    FormatName(m_Options.pattern, number, name);
+    const std::string file = m_Options.folder == "." ? name : m_Options.folder + "/" + name;
+    kr7host::WriteImage(shot.image, file);
+    m_vWritten.push_back(
+        {number, file, shot.frame, shot.image.width, shot.image.height, shot.quality});
+    if (!m_Options.sheet.empty()) {
+        m_vSheet.push_back({number, Shrink(shot.image, m_nKept), shot.quality});
+    }
+    // One line a result; frames come too many for that.
+    if (m_Output.Human() && m_bFingers) {
+        ClearStatus();
+        std::printf("%s %d: %s  %dx%d  area %d%%  contrast %d%%\n", m_Noun, number, file.c_str(),
+                    shot.image.width, shot.image.height, Percent(shot.quality.area),
+                    Percent(shot.quality.contrast));
+        std::fflush(stdout);
+    }
+}
+
+// Whether the capture is over, and why.
+Stop Run::Check() {
+    if (static_cast<int>(m_vWritten.size()) >= m_nWanted) {
+        return m_bFingers ? Stop::Count : Stop::Frames;
+    }
+    if (!m_strCallbackError.empty()) {
+        Fail(m_strCallbackError);
+    } else if (m_bEnded) {
+        Fail("the plug-in ended the capture");
+    } else if (g_interrupted != 0) {
+        return Stop::Interrupted;
+    } else if (Seconds(Clock::now() - m_Start) >= m_Options.timeout) {
+        return Stop::Timeout;
+    }
+    return m_eStop;
+}
+
+// The first error ends the capture and is the one reported.
+void Run::Fail(const std::string& error, int status) {
+    if (m_strError.empty()) {
+        m_strError = error;
+        m_nErrorStatus = status;
+    }
+    m_eStop = Stop::Error;
+}
+
+void Run::ClearStatus() {
+    if (m_bTerminal) {
+        std::fputs("\r\033[K", stderr);
+        std::fflush(stderr);
+    }
+}
+
+// The status line: frames per second over the last second or so.
+void Run::DrawStatus() {
+    if (!m_bTerminal || Clock::now() - m_Drawn < std::chrono::milliseconds(100)) {
+        return;
+    }
+    const int frames = static_cast<int>(m_Capture.Totals().images + m_nStills);
+    m_Drawn = Clock::now();
+    const double span = Seconds(m_Drawn - m_RateSince);
+    if (span >= 1.0 || m_RateSince == m_Start) {
+        m_dRate = span > 0 ? (frames - m_nRateFrames) / span : 0.0;
+    }
+    if (span >= 1.0) {
+        m_RateSince = m_Drawn;
+        m_nRateFrames = frames;
+    }
+    std::fprintf(stderr, "\r\033[K%s  %d frames  %.1f/s  finger %s  %ss %d/%d   %s",
+                 ModeName(m_Options.mode), frames, m_dRate, m_Placements.Finger() ? "yes" : "no ",
+                 m_Noun, static_cast<int>(m_vWritten.size()), m_nWanted, m_Placements.Prompt());
+    std::fflush(stderr);
+}
+
+int Run::Report() {
+    const int count = static_cast<int>(m_vWritten.size());
+    const long frames = m_Capture.Totals().images + static_cast<long>(m_nStills);
+    if (m_Output.json) {
+        nlohmann::ordered_json json = {{"mode", ModeName(m_Options.mode)},
+                                       {"serial", m_Scanner.serial},
+                                       {"interface", m_Scanner.index},
+                                       {"stopped", StopName(m_eStop)},
+                                       {"complete", count >= m_nWanted}};
+        if (!m_strError.empty()) {
+            json["error"] = m_strError;
+        }
+        json["frames"] = frames;
+        json["seconds"] = m_dSeconds;
+        nlohmann::ordered_json& images = json["images"] = nlohmann::ordered_json::array();
+        for (const Written& w : m_vWritten) {
+            images.push_back({{"number", w.number},
+                              {"file", w.file},
+                              {"frame", w.frame},
+                              {"width", w.width},
+                              {"height", w.height},
+                              {"area", w.quality.area},
+                              {"contrast", w.quality.contrast}});
+        }
+        json["sheet"] = m_Options.sheet.empty() ? nlohmann::ordered_json(nullptr)
+                                                : nlohmann::ordered_json(m_Options.sheet);
+        std::printf("%s\n", json.dump().c_str());
+    } else if (m_Output.Human()) {
+        std::printf("%d %s%s in %.1f s (%ld frames, %.1f frames/s)\n", count, m_Noun,
+                    count == 1 ? "" : "s", m_dSeconds, frames,
+                    m_dSeconds > 0 ? frames / m_dSeconds : 0.0);
+        if (!m_bFingers && count > 0) {
+            std::printf("files: %s%s%s\n", m_vWritten.front().file.c_str(), count > 1 ? " to " : "",
+                        count > 1 ? m_vWritten.back().file.c_str() : "");
+        }
+        if (!m_Options.sheet.empty()) {
+            std::printf("sheet: %s\n", m_Options.sheet.c_str());
+        }
+    }
+    std::fflush(stdout);
+    if (m_eStop == Stop::Timeout && !m_Output.quiet) {
+        std::fprintf(stderr, "kr7: note: timed out after %g s with %d of %d %ss\n",
+                     m_Options.timeout, count, m_nWanted, m_Noun);
+    }
+    if (!m_strError.empty()) {
+        std::fprintf(stderr, "kr7: capture failed: %s\n", m_strError.c_str());
+        return m_nErrorStatus;
+    }
+    if (m_eStop == Stop::Interrupted) {
+        if (!m_Output.quiet) {
+            std::fprintf(stderr, "kr7: interrupted; %d %s%s kept\n", count, m_Noun,
+                         count == 1 ? "" : "s");
+        }
+        return kInterrupted;
+    }
+    return kSuccess;
+}
 
 }  // namespace
 
@@ -303,230 +567,13 @@ bool FormatName(const std::string& pattern, int number, std::string& name) {
     return true;
 }
 
-int Capture(Plugin& plugin, const CaptureOptions& options, const Output& output,
-            const std::string& serial, unsigned int interface) {
-    vc::ClFramegrabber& fg = plugin.Grabber();
-    const vc::eCaptureModeIDs mode = options.mode;
-    const bool fingers = IsFingerMode(mode);
-    const int wanted = fingers ? options.count : options.frames;
-    const char* noun = fingers ? "result" : "frame";
-    const bool human = !output.json && !output.quiet;
-    const bool terminal = !output.quiet && isatty(STDERR_FILENO) == 1;
-    // The sheet shows smaller copies when there are many images; they are
-    // kept at half size when there may be many.
-    const int kept = wanted <= 16 ? 1 : 2;
-
-    MakeFolder(options.folder);
-    Session session(mode, wanted);
-    plugin.Check("SetCallbacks", fg.SetCallbacks(1, nullptr, &Session::OnStop));
-    const Clock::time_point start = Clock::now();
-    const unsigned int started = fg.StartCapture(1, 1, mode, &Session::OnImage, &Session::OnResult,
-                                                 &Session::OnError, &Session::OnWarning, &session);
-    if (started == (vc::FGERR_FLAG | vc::FGERR_DETECTION_NOT_SUPPORTED)) {
-        if (!output.quiet) {
-            std::fprintf(stderr,
-                         "kr7: note: the plug-in does not list %s capture; it runs it anyway "
-                         "(StartCapture: 0x%08x)\n",
-                         ModeName(mode), started);
-        }
-    } else if (started != 0) {
-        fg.StopCapture(1);
-        throw plugin.Error("StartCapture", started);
-    }
-    if (mode == vc::eCapturePreview && !output.quiet) {
-        std::fprintf(stderr,
-                     "kr7: note: preview images come only on a trigger the host interface does "
-                     "not offer; taking stills with GetImage instead\n");
-    }
-    if (human) {
-        std::printf("capturing %s %s on scanner %s (interface %u): %d %s%s, at most %g s\n",
-                    ModeName(mode), fingers ? "fingers" : "frames", serial.c_str(), interface,
-                    wanted, noun, wanted == 1 ? "" : "s", options.timeout);
-        std::fflush(stdout);
-    }
-
-    std::vector<Written> written;
-    std::vector<SheetEntry> sheet;
-    std::string stopped, error;
-    int errorStatus = kPluginError;
-    int frames = 0;
-    Clock::time_point drawn, rateSince = start;
-    int rateFrames = 0;
-    double recentRate = 0;
-    const auto clearStatus = [&] {
-        if (terminal) {
-            std::fputs("\r\033[K", stderr);
-            std::fflush(stderr);
-        }
-    };
-    const auto write = [&](Shot& shot) {
-        const int number = static_cast<int>(written.size()) + 1;
-        std::string name;
-        FormatName(options.pattern, number, name);
-        const std::string file = options.folder == "." ? name : options.folder + "/" + name;
-        WriteImage(shot.image, file);
-        written.push_back(
-            {number, file, shot.frame, shot.image.width, shot.image.height, shot.quality});
-        if (!options.sheet.empty()) {
-            sheet.push_back({number, Shrink(shot.image, kept), shot.quality});
-        }
-        // One line a result; frames come too many for that.
-        if (human && fingers) {
-            clearStatus();
-            std::printf("%s %d: %s  %dx%d  area %d%%  contrast %d%%\n", noun, number, file.c_str(),
-                        shot.image.width, shot.image.height, Percent(shot.quality.area),
-                        Percent(shot.quality.contrast));
-            std::fflush(stdout);
-        }
-    };
-
-    // Until enough images are written, or an error, the timeout or a signal.
-    while (stopped.empty()) {
-        if (mode == vc::eCapturePreview) {
-            unsigned char* image = nullptr;
-            const unsigned int result = fg.GetImage(1, &image);
-            if (result != 0) {
-                const Failure failure = plugin.Error("GetImage", result);
-                error = failure.what();
-                errorStatus = failure.Status();
-                stopped = "error";
-                break;
-            }
-            session.Frame(image);
-            fg.FreeImage(image);
-        }
-        Session::Snapshot now =
-            session.Take(std::chrono::milliseconds(mode == vc::eCapturePreview ? 0 : 50));
-        frames = now.frames;
-        for (const std::string& warning : now.warnings) {
-            if (!output.quiet) {
-                clearStatus();
-                std::fprintf(stderr, "kr7: warning: %s\n", warning.c_str());
-            }
-        }
-        try {
-            for (Shot& shot : now.shots) {
-                write(shot);
-            }
-        } catch (const std::exception& e) {
-            error = e.what();
-            stopped = "error";
-            break;
-        }
-        const Clock::duration elapsed = Clock::now() - start;
-        if (static_cast<int>(written.size()) >= wanted) {
-            stopped = fingers ? "count" : "frames";
-        } else if (now.error) {
-            error = *now.error;
-            stopped = "error";
-        } else if (now.stopped) {
-            error = "the plug-in ended the capture";
-            stopped = "error";
-        } else if (g_interrupted != 0) {
-            stopped = "interrupted";
-        } else if (Seconds(elapsed) >= options.timeout) {
-            stopped = "timeout";
-        } else if (terminal && Clock::now() - drawn >= std::chrono::milliseconds(100)) {
-            // Frames per second over the last second or so.
-            drawn = Clock::now();
-            const double span = Seconds(drawn - rateSince);
-            if (span >= 1.0 || rateSince == start) {
-                recentRate = span > 0 ? (frames - rateFrames) / span : 0.0;
-            }
-            if (span >= 1.0) {
-                rateSince = drawn;
-                rateFrames = frames;
-            }
-            std::fprintf(stderr, "\r\033[K%s  %d frames  %.1f/s  finger %s  %ss %d/%d   %s",
-                         ModeName(mode), frames, recentRate, now.finger ? "yes" : "no ", noun,
-                         static_cast<int>(written.size()), wanted, Prompt(mode, now));
-            std::fflush(stderr);
-        }
-    }
-    clearStatus();
-
-    const unsigned int result = fg.StopCapture(1);
-    if (result != 0 && error.empty()) {
-        const Failure failure = plugin.Error("StopCapture", result);
-        error = failure.what();
-        errorStatus = failure.Status();
-        stopped = "error";
-    }
-    const double seconds = Seconds(Clock::now() - start);
-    // A finger still on the platen when the capture ended.
-    session.Flush();
-    try {
-        for (Shot& shot : session.Take(std::chrono::milliseconds(0)).shots) {
-            write(shot);
-        }
-        if (!options.sheet.empty()) {
-            const std::size_t n = sheet.size();
-            const int shown = n <= 16 ? 1 : n <= 64 ? 2 : 4;
-            for (SheetEntry& entry : sheet) {
-                entry.image = Shrink(entry.image, shown / kept);
-            }
-            WriteImage(MakeSheet(sheet), options.sheet);
-        }
-    } catch (const std::exception& e) {
-        if (error.empty()) {
-            error = e.what();
-            errorStatus = kPluginError;
-        }
-    }
-
-    const int count = static_cast<int>(written.size());
-    const double rate = seconds > 0 ? frames / seconds : 0.0;
-    if (output.json) {
-        JsonWriter json;
-        json.BeginObject().Key("mode").String(ModeName(mode)).Key("serial").String(serial);
-        json.Key("interface").Integer(interface);
-        json.Key("stopped").String(stopped).Key("complete").Bool(count >= wanted);
-        if (!error.empty()) {
-            json.Key("error").String(error);
-        }
-        json.Key("frames").Integer(frames).Key("seconds").Number(seconds);
-        json.Key("images").BeginArray();
-        for (const Written& w : written) {
-            json.BeginObject().Key("number").Integer(w.number).Key("file").String(w.file);
-            json.Key("frame").Integer(w.frame).Key("width").Integer(w.width);
-            json.Key("height").Integer(w.height).Key("area").Number(w.quality.area);
-            json.Key("contrast").Number(w.quality.contrast).EndObject();
-        }
-        json.EndArray().Key("sheet");
-        if (options.sheet.empty()) {
-            json.Null();
-        } else {
-            json.String(options.sheet);
-        }
-        std::printf("%s\n", json.EndObject().Text().c_str());
-    } else if (human) {
-        std::printf("%d %s%s in %.1f s (%d frames, %.1f frames/s)\n", count, noun,
-                    count == 1 ? "" : "s", seconds, frames, rate);
-        if (!fingers && count > 0) {
-            std::printf("files: %s%s%s\n", written.front().file.c_str(), count > 1 ? " to " : "",
-                        count > 1 ? written.back().file.c_str() : "");
-        }
-        if (!options.sheet.empty()) {
-            std::printf("sheet: %s\n", options.sheet.c_str());
-        }
-    }
-    std::fflush(stdout);
-    if (stopped == "timeout" && !output.quiet) {
-        std::fprintf(stderr, "kr7: note: timed out after %g s with %d of %d %ss\n", options.timeout,
-                     count, wanted, noun);
-    }
-    if (!error.empty()) {
-        std::fprintf(stderr, "kr7: capture failed: %s\n", error.c_str());
-        return errorStatus;
-    }
-    if (stopped == "interrupted") {
-        if (!output.quiet) {
-            std::fprintf(stderr, "kr7: interrupted; %d %s%s kept\n", count, noun,
-                         count == 1 ? "" : "s");
-        }
-        return kInterrupted;
-    }
-    return kSuccess;
+int Capture(kr7host::Plugin& plugin, const CaptureOptions& options, const Output& output,
+            const Scanner& scanner) {
+    Run run(plugin, options, output, scanner);
+    run.Start();
+    run.Collect();
+    run.Finish();
+    return run.Report();
 }
 
 }  // namespace kr7

@@ -5,8 +5,10 @@
 #include <csignal>
 #include <string>
 
-#include "base/framegrabber.h"
-#include "plugin.h"
+#include <norvakkr7fg/framegrabber.h>
+
+#include "kr7host/plugin.h"
+#include "status.h"
 
 namespace kr7 {
 
@@ -23,9 +25,10 @@ struct CaptureOptions {
     std::string sheet;    // the result sheet; empty: none
 };
 
-struct Output {
-    bool json = false;
-    bool quiet = false;
+// The scanner a capture runs on, as the output names it.
+struct Scanner {
+    unsigned int index = 0;
+    std::string serial;
 };
 
 // The capture mode's name on the command line ("plain", ...) and back.
@@ -38,8 +41,7 @@ bool FormatName(const std::string& pattern, int number, std::string& name);
 
 // Runs one capture on channel 1 of the active scanner and returns the exit
 // status. Images written are kept whatever ends the capture.
-// `serial` and `interface` name the scanner in the output.
-int Capture(Plugin& plugin, const CaptureOptions& options, const Output& output,
-            const std::string& serial, unsigned int interface);
+int Capture(kr7host::Plugin& plugin, const CaptureOptions& options, const Output& output,
+            const Scanner& scanner);
 
 }  // namespace kr7

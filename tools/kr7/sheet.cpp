@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 
+using kr7host::Image;
+
 namespace kr7 {
 
 namespace {
@@ -76,7 +78,7 @@ const Glyph* GlyphOf(char c) {
     return nullptr;
 }
 
-void Fill(Gray& image, int left, int top, int width, int height, std::uint8_t level) {
+void Fill(Image& image, int left, int top, int width, int height, std::uint8_t level) {
     const int right = std::min(image.width, left + width);
     const int bottom = std::min(image.height, top + height);
     for (int y = std::max(0, top); y < bottom; ++y) {
@@ -86,7 +88,7 @@ void Fill(Gray& image, int left, int top, int width, int height, std::uint8_t le
     }
 }
 
-void Paste(Gray& sheet, const Gray& image, int left, int top) {
+void Paste(Image& sheet, const Image& image, int left, int top) {
     for (int y = 0; y < image.height; ++y) {
         for (int x = 0; x < image.width; ++x) {
             sheet.At(left + x, top + y) = image.At(x, y);
@@ -104,7 +106,7 @@ int TextWidth(const std::string& text, int scale) {
     return text.empty() ? 0 : (static_cast<int>(text.size()) * kAdvance - 1) * scale;
 }
 
-void DrawText(Gray& image, int x, int y, const std::string& text, int scale, std::uint8_t ink) {
+void DrawText(Image& image, int x, int y, const std::string& text, int scale, std::uint8_t ink) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const Glyph* glyph = GlyphOf(text[i]);
         if (glyph == nullptr) {
@@ -121,11 +123,11 @@ void DrawText(Gray& image, int x, int y, const std::string& text, int scale, std
     }
 }
 
-Gray Shrink(const Gray& image, int factor) {
+Image Shrink(const Image& image, int factor) {
     if (factor <= 1 || image.width < factor || image.height < factor) {
         return image;
     }
-    Gray small(image.width / factor, image.height / factor, 0);
+    Image small(image.width / factor, image.height / factor, 0, image.ppi / factor);
     for (int y = 0; y < small.height; ++y) {
         for (int x = 0; x < small.width; ++x) {
             unsigned sum = 0;
@@ -148,12 +150,12 @@ std::string Caption(int number, const Quality& quality) {
     return text;
 }
 
-Gray MakeSheet(const std::vector<SheetEntry>& entries) {
+Image MakeSheet(const std::vector<SheetEntry>& entries) {
     constexpr int kGap = 12;
     constexpr std::uint8_t kGround = 96, kPaper = 255, kInk = 0;
     if (entries.empty()) {
         const std::string text = "NO IMAGES";
-        Gray sheet(TextWidth(text, 2) + 2 * kGap, 7 * 2 + 2 * kGap, kPaper);
+        Image sheet(TextWidth(text, 2) + 2 * kGap, 7 * 2 + 2 * kGap, kPaper, kr7host::kScannerPpi);
         DrawText(sheet, kGap, kGap, text, 2, kInk);
         return sheet;
     }
@@ -179,7 +181,8 @@ Gray MakeSheet(const std::vector<SheetEntry>& entries) {
     const int count = static_cast<int>(entries.size());
     const int columns = std::min(count, 4);
     const int rows = (count + columns - 1) / columns;
-    Gray sheet(kGap + columns * (cellWidth + kGap), kGap + rows * (cellHeight + kGap), kGround);
+    Image sheet(kGap + columns * (cellWidth + kGap), kGap + rows * (cellHeight + kGap), kGround,
+                entries.front().image.ppi);
     for (int i = 0; i < count; ++i) {
         const SheetEntry& entry = entries[static_cast<std::size_t>(i)];
         const int left = kGap + (i % columns) * (cellWidth + kGap);
