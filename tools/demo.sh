@@ -9,6 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+tools/deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default --target kr7 >/dev/null
 
