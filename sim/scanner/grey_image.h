@@ -26,8 +26,7 @@ bool LoadGreyImage(const std::string& path, GreyImage& out, std::string& error);
 // Reads the .pgm and .bmp files of a folder (the extension in any case), in
 // name order. Other files are passed over; a folder without a frame, or one
 // frame that cannot be read, is an error.
-bool LoadFrameFolder(const std::string& folder, std::vector<GreyImage>& frames,
-                     std::string& error);
+bool LoadFrameFolder(const std::string& folder, std::vector<GreyImage>& frames, std::string& error);
 
 }  // namespace scanner
 }  // namespace kr7sim

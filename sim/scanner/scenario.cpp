@@ -53,6 +53,11 @@ struct Step {
     std::map<std::string, std::string> options;
 };
 
+// The whole number of frames nearest to a time.
+uint32_t Seconds(double seconds) {
+    return static_cast<uint32_t>(std::lround(seconds / kFramePeriodSeconds));
+}
+
 class Compiler {
 public:
     Compiler(uint64_t seed, std::string base_dir) : seed_(seed), base_dir_(std::move(base_dir)) {}
@@ -62,12 +67,51 @@ public:
              std::string& error);
 
 private:
+    // One row of the table of steps (kSteps). Compile() finds the row by the
+    // keyword, checks the options and the number of positional words against
+    // it and calls the row's member. A step that lasts reads its duration
+    // through Span(), from the positional word the row names, after its own
+    // checks, so that a line with several faults is reported by the first of
+    // them in the order: options, finger options or frames, then duration.
+    struct StepRule {
+        const char* keyword;
+        std::vector<std::string> options;  // keys the step accepts
+        size_t positional;                 // at most this many positional words
+        int duration;                      // which of them is the duration, -1 = none
+        double seconds;  // the duration when the script gives none (place, roll and
+                         // replay work theirs out from the finger or the recording)
+        bool (Compiler::*compile)(const Step&, const StepRule&, std::string&);
+    };
+    static const StepRule kSteps[];
+
     bool Compile(const Step& step, std::string& error);
-    bool Allow(const Step& step, std::initializer_list<const char*> keys, size_t positional,
-               std::string& error) const;
-    bool Duration(const Step& step, size_t index, uint32_t fallback, uint32_t& frames,
-                  std::string& error) const;
+    bool Allow(const Step& step, const StepRule& rule, std::string& error) const;
     bool FingerOptions(const Step& step, FingerSpec& finger, std::string& error) const;
+    // Adds the segment `s` for the step's duration (`fallback` frames, or
+    // the row's default, when the script gives none), with the finger that
+    // is on the platen.
+    bool Span(const Step& step, const StepRule& rule, uint32_t fallback, Segment s,
+              std::string& error);
+    bool Span(const Step& step, const StepRule& rule, Segment s, std::string& error) {
+        return Span(step, rule, Seconds(rule.seconds), s, error);
+    }
+    bool Touch(const Step& step, const StepRule& rule, const FingerSpec& finger, uint32_t fallback,
+               std::string& error);
+
+    // The steps, one member per row of kSteps.
+    bool Seed(const Step& step, const StepRule& rule, std::string& error);
+    bool Empty(const Step& step, const StepRule& rule, std::string& error);
+    bool Hold(const Step& step, const StepRule& rule, std::string& error);
+    bool Place(const Step& step, const StepRule& rule, std::string& error);
+    bool Fake(const Step& step, const StepRule& rule, std::string& error);
+    bool Roll(const Step& step, const StepRule& rule, std::string& error);
+    bool Move(const Step& step, const StepRule& rule, std::string& error);
+    bool EmptyFrame(const Step& step, const StepRule& rule, std::string& error);
+    bool Unplug(const Step& step, const StepRule& rule, std::string& error);
+    bool Dirt(const Step& step, const StepRule& rule, std::string& error);
+    bool Replay(const Step& step, const StepRule& rule, std::string& error);
+    bool Repeat(const Step& step, const StepRule& rule, std::string& error);
+
     void Lift() {
         if (current_ >= 0)
             fingers_[size_t(current_)].params.lift_frame = now_;
@@ -108,32 +152,75 @@ private:
     uint32_t repeats_ = 1;
 };
 
-bool Compiler::Allow(const Step& step, std::initializer_list<const char*> keys, size_t positional,
-                     std::string& error) const {
+const std::vector<std::string> kFingerOptions = {"finger", "pressure", "skin", "press", "pose"};
+const std::vector<std::string> kRollOptions = {"finger", "pressure", "skin", "press",
+                                               "over",   "pose",     "from"};
+
+// Aliases (wait, movable) share the member of the step they stand for.
+// clang-format off
+const Compiler::StepRule Compiler::kSteps[] = {
+    // keyword      options         positional  duration  seconds  compile
+    {"empty",       {},             1,          0,        1.0,     &Compiler::Empty},
+    {"lift",        {},             1,          0,        0.0,     &Compiler::Empty},
+    {"hold",        {},             1,          0,        1.0,     &Compiler::Hold},
+    {"wait",        {},             1,          0,        1.0,     &Compiler::Hold},
+    {"place",       kFingerOptions, 1,          0,        0.0,     &Compiler::Place},
+    {"fake",        kFingerOptions, 1,          0,        1.0,     &Compiler::Fake},
+    {"roll",        kRollOptions,   0,          -1,       0.0,     &Compiler::Roll},
+    {"move",        {},             1,          0,        0.5,     &Compiler::Move},
+    {"movable",     {},             1,          0,        0.5,     &Compiler::Move},
+    {"emptyframe",  {},             1,          0,        0.5,     &Compiler::EmptyFrame},
+    {"unplug",      {},             1,          0,        2.0,     &Compiler::Unplug},
+    {"dirt",        {},             1,          -1,       0.0,     &Compiler::Dirt},
+    {"replay",      {"as"},         2,          1,        0.0,     &Compiler::Replay},
+    {"seed",        {},             1,          -1,       0.0,     &Compiler::Seed},
+    {"repeat",      {},             1,          -1,       0.0,     &Compiler::Repeat},
+};
+// clang-format on
+
+bool Compiler::Compile(const Step& step, std::string& error) {
+    if (repeat_seen_) {
+        error = "'repeat' must be the last step";
+        return false;
+    }
+    const StepRule* const rule =
+        std::find_if(std::begin(kSteps), std::end(kSteps),
+                     [&](const StepRule& r) { return step.keyword == r.keyword; });
+    if (rule == std::end(kSteps)) {
+        error = "unknown step '" + step.keyword + "'";
+        return false;
+    }
+    return Allow(step, *rule, error) && (this->*rule->compile)(step, *rule, error);
+}
+
+bool Compiler::Allow(const Step& step, const StepRule& rule, std::string& error) const {
     for (const auto& option : step.options) {
-        if (std::none_of(keys.begin(), keys.end(),
-                         [&](const char* k) { return option.first == k; })) {
+        if (std::find(rule.options.begin(), rule.options.end(), option.first) ==
+            rule.options.end()) {
             error = "unknown option '" + option.first + "' for '" + step.keyword + "'";
             return false;
         }
     }
-    if (step.positional.size() > positional) {
-        error = "unexpected '" + step.positional[positional] + "' after '" + step.keyword + "'";
+    if (step.positional.size() > rule.positional) {
+        error =
+            "unexpected '" + step.positional[rule.positional] + "' after '" + step.keyword + "'";
         return false;
     }
     return true;
 }
 
-bool Compiler::Duration(const Step& step, size_t index, uint32_t fallback, uint32_t& frames,
-                        std::string& error) const {
-    if (index >= step.positional.size()) {
-        frames = fallback;
-        return true;
+bool Compiler::Span(const Step& step, const StepRule& rule, uint32_t fallback, Segment s,
+                    std::string& error) {
+    uint32_t frames = fallback;
+    if (rule.duration >= 0 && size_t(rule.duration) < step.positional.size()) {
+        const std::string& word = step.positional[size_t(rule.duration)];
+        if (!ParseDuration(word, frames)) {
+            error = "bad duration '" + word + "' (use e.g. 2s, 250ms or 12f)";
+            return false;
+        }
     }
-    if (!ParseDuration(step.positional[index], frames)) {
-        error = "bad duration '" + step.positional[index] + "' (use e.g. 2s, 250ms or 12f)";
-        return false;
-    }
+    s.finger = current_;
+    Add(frames, s);
     return true;
 }
 
@@ -171,157 +258,139 @@ bool Compiler::FingerOptions(const Step& step, FingerSpec& finger, std::string& 
     return true;
 }
 
-bool Compiler::Compile(const Step& step, std::string& error) {
-    const std::string& k = step.keyword;
-    if (repeat_seen_) {
-        error = "'repeat' must be the last step";
+// A new finger touches the platen for the step's duration. A fake or rolled
+// finger leaves at the end of it; a placed one stays until a step lifts it.
+bool Compiler::Touch(const Step& step, const StepRule& rule, const FingerSpec& finger,
+                     uint32_t fallback, std::string& error) {
+    Lift();
+    current_ = NewFinger(finger);
+    Segment s;
+    s.step = rule.keyword;
+    if (!Span(step, rule, fallback, s, error))
+        return false;
+    if (finger.fake || finger.params.kind == ImpressionKind::Rolled)
+        Lift();
+    return true;
+}
+
+bool Compiler::Seed(const Step& step, const StepRule&, std::string& error) {
+    if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], seed_)) {
+        error = "'seed' needs a number";
         return false;
     }
-    uint32_t frames = 0;
-    const auto seconds = [](double s) {
-        return static_cast<uint32_t>(std::lround(s / kFramePeriodSeconds));
-    };
-    if (k == "seed") {
-        if (!Allow(step, {}, 1, error))
-            return false;
-        if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], seed_)) {
-            error = "'seed' needs a number";
-            return false;
-        }
-        return true;
-    }
-    if (k == "empty" || k == "lift") {
-        if (!Allow(step, {}, 1, error) ||
-            !Duration(step, 0, k == "empty" ? seconds(1) : 0, frames, error))
-            return false;
-        Lift();
-        Segment s;
-        s.step = k == "empty" ? "empty" : "lift";
-        Add(frames, s);
-        return true;
-    }
-    if (k == "hold" || k == "wait") {
-        if (!Allow(step, {}, 1, error) || !Duration(step, 0, seconds(1), frames, error))
-            return false;
-        Segment s;
-        s.step = "hold";
-        s.finger = current_;
-        Add(frames, s);
-        return true;
-    }
-    if (k == "place" || k == "fake" || k == "roll") {
-        const bool roll = k == "roll";
-        if (!Allow(step,
-                   roll ? std::initializer_list<const char*>{"finger", "pressure", "skin", "press",
-                                                             "over", "pose", "from"}
-                        : std::initializer_list<const char*>{"finger", "pressure", "skin", "press",
-                                                             "pose"},
-                   roll ? 0 : 1, error))
-            return false;
+    return true;
+}
+
+// empty, lift: the finger leaves, the platen stays empty.
+bool Compiler::Empty(const Step& step, const StepRule& rule, std::string& error) {
+    Lift();
+    Segment s;
+    s.step = rule.keyword;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Hold(const Step& step, const StepRule& rule, std::string& error) {
+    Segment s;
+    s.step = "hold";
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Place(const Step& step, const StepRule& rule, std::string& error) {
+    FingerSpec finger;
+    return FingerOptions(step, finger, error) &&
+           Touch(step, rule, finger, finger.params.press_frames, error);
+}
+
+bool Compiler::Fake(const Step& step, const StepRule& rule, std::string& error) {
+    FingerSpec finger;
+    finger.fake = true;
+    return FingerOptions(step, finger, error) &&
+           Touch(step, rule, finger, Seconds(rule.seconds), error);
+}
+
+bool Compiler::Roll(const Step& step, const StepRule& rule, std::string& error) {
+    FingerSpec finger;
+    finger.params.kind = ImpressionKind::Rolled;
+    finger.params.roll_from = RollDirection::FromLeft;  // unless `from` says otherwise
+    return FingerOptions(step, finger, error) &&
+           Touch(step, rule, finger, finger.params.press_frames + finger.params.roll_frames + 1,
+                 error);
+}
+
+bool Compiler::Move(const Step& step, const StepRule& rule, std::string& error) {
+    if (current_ < 0) {  // a moving finger needs a finger
         FingerSpec finger;
-        finger.fake = k == "fake";
-        if (roll) {
-            finger.params.kind = ImpressionKind::Rolled;
-            finger.params.roll_from = RollDirection::FromLeft;  // unless `from` says otherwise
-        }
-        if (!FingerOptions(step, finger, error))
-            return false;
-        const uint32_t fallback = roll ? finger.params.press_frames + finger.params.roll_frames + 1
-                                  : k == "fake" ? seconds(1)
-                                                : finger.params.press_frames;
-        if (!Duration(step, 0, fallback, frames, error))
-            return false;
-        Lift();
-        Segment s;
-        s.step = roll ? "roll" : finger.fake ? "fake" : "place";
-        s.finger = current_ = NewFinger(finger);
-        Add(frames, s);
-        if (roll || finger.fake)
-            Lift();
-        return true;
+        finger.params.finger_seed = seed_;
+        current_ = NewFinger(finger);
     }
-    if (k == "move" || k == "movable" || k == "emptyframe" || k == "unplug") {
-        if (!Allow(step, {}, 1, error) ||
-            !Duration(step, 0, k == "unplug" ? seconds(2) : seconds(0.5), frames, error))
-            return false;
-        Segment s;
-        if (k == "unplug") {
-            s.step = "unplug";
-            s.unplugged = true;
-        } else if (k == "emptyframe") {
-            s.step = "emptyframe";
-            s.capture_error = FTR_ERROR_EMPTY_FRAME;
-        } else {
-            if (current_ < 0) {  // a moving finger needs a finger
-                FingerSpec finger;
-                finger.params.finger_seed = seed_;
-                current_ = NewFinger(finger);
-            }
-            s.step = "move";
-            s.capture_error = FTR_ERROR_MOVABLE_FINGER;
-        }
-        s.finger = current_;
-        Add(frames, s);
-        return true;
+    Segment s;
+    s.step = "move";
+    s.capture_error = FTR_ERROR_MOVABLE_FINGER;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::EmptyFrame(const Step& step, const StepRule& rule, std::string& error) {
+    Segment s;
+    s.step = "emptyframe";
+    s.capture_error = FTR_ERROR_EMPTY_FRAME;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Unplug(const Step& step, const StepRule& rule, std::string& error) {
+    Segment s;
+    s.step = "unplug";
+    s.unplugged = true;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Dirt(const Step& step, const StepRule&, std::string& error) {
+    uint64_t spots = 0;
+    if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], spots) || spots > 50) {
+        error = "'dirt' needs a number of spots from 0 to 50";
+        return false;
     }
-    if (k == "dirt") {
-        uint64_t spots = 0;
-        if (!Allow(step, {}, 1, error))
-            return false;
-        if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], spots) ||
-            spots > 50) {
-            error = "'dirt' needs a number of spots from 0 to 50";
-            return false;
-        }
-        dirt_ = int(spots);
-        return true;
+    dirt_ = int(spots);
+    return true;
+}
+
+bool Compiler::Replay(const Step& step, const StepRule& rule, std::string& error) {
+    if (step.positional.empty()) {
+        error = "'replay' needs a folder";
+        return false;
     }
-    if (k == "replay") {
-        if (!Allow(step, {"as"}, 2, error))
-            return false;
-        if (step.positional.empty()) {
-            error = "'replay' needs a folder";
+    ReplaySpec replay;
+    replay.folder = step.positional[0];
+    if (!replay.folder.empty() && replay.folder[0] != '/' && !base_dir_.empty())
+        replay.folder = base_dir_ + "/" + replay.folder;
+    if (auto it = step.options.find("as"); it != step.options.end()) {
+        const std::string v = Lower(it->second);
+        if (v != "raw" && v != "platen") {
+            error = "bad value '" + it->second + "' for option 'as' (platen or raw)";
             return false;
         }
-        ReplaySpec replay;
-        replay.folder = step.positional[0];
-        if (!replay.folder.empty() && replay.folder[0] != '/' && !base_dir_.empty())
-            replay.folder = base_dir_ + "/" + replay.folder;
-        if (auto it = step.options.find("as"); it != step.options.end()) {
-            const std::string v = Lower(it->second);
-            if (v != "raw" && v != "platen") {
-                error = "bad value '" + it->second + "' for option 'as' (platen or raw)";
-                return false;
-            }
-            replay.raw = v == "raw";
-        }
-        if (!LoadFrameFolder(replay.folder, replay.frames, error))
-            return false;
-        if (!Duration(step, 1, uint32_t(replay.frames.size()), frames, error))
-            return false;
-        Lift();
-        replays_.push_back(std::move(replay));
-        Segment s;
-        s.step = "replay";
-        s.replay = int(replays_.size()) - 1;
-        Add(frames, s);
-        return true;
+        replay.raw = v == "raw";
     }
-    if (k == "repeat") {
-        uint64_t count = 0;
-        if (!Allow(step, {}, 1, error))
-            return false;
-        if (!step.positional.empty() &&
-            (!ParseUnsigned(step.positional[0], count) || count < 1 || count > 1000000)) {
-            error = "'repeat' takes a count of at least 1 (none = forever)";
-            return false;
-        }
-        repeat_seen_ = true;
-        repeats_ = uint32_t(count);
-        return true;
+    if (!LoadFrameFolder(replay.folder, replay.frames, error))
+        return false;
+    const uint32_t one_pass = uint32_t(replay.frames.size());
+    Lift();
+    replays_.push_back(std::move(replay));
+    Segment s;
+    s.step = "replay";
+    s.replay = int(replays_.size()) - 1;
+    return Span(step, rule, one_pass, s, error);
+}
+
+bool Compiler::Repeat(const Step& step, const StepRule&, std::string& error) {
+    uint64_t count = 0;
+    if (!step.positional.empty() &&
+        (!ParseUnsigned(step.positional[0], count) || count < 1 || count > 1000000)) {
+        error = "'repeat' takes a count of at least 1 (none = forever)";
+        return false;
     }
-    error = "unknown step '" + k + "'";
-    return false;
+    repeat_seen_ = true;
+    repeats_ = uint32_t(count);
+    return true;
 }
 
 bool Compiler::Run(const std::string& text, std::vector<Segment>& segments, Segment& tail,
