@@ -18,6 +18,7 @@
 #include <cstring>
 #include <string>
 
+#include "scanner/grey_image.h"
 #include "scanner/scenario.h"
 
 using kr7sim::scanner::Scenario;

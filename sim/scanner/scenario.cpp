@@ -1,25 +1,21 @@
 #include "scanner/scenario.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 
 #include "closed/ftrscan.h"
+#include "scanner/grey_image.h"
 
 namespace kr7sim {
 namespace scanner {
 namespace {
 
 constexpr double kMaxSeconds = 7 * 24 * 3600.0;  // a week of frames fits easily in 32 bits
-constexpr size_t kMaxImageFile = 64u << 20;
-constexpr int kMaxImageSide = 4096;
 
 std::string Lower(std::string s) {
     for (char& c : s)
@@ -49,160 +45,6 @@ bool ParseUnsigned(const std::string& text, uint64_t& value) {
     return errno == 0 && end == text.c_str() + text.size();
 }
 
-bool ReadFile(const std::string& path, std::vector<uint8_t>& out, std::string& error) {
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) {
-        error = "cannot open " + path + ": " + std::strerror(errno);
-        return false;
-    }
-    out.clear();
-    uint8_t chunk[65536];
-    size_t n = 0;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
-        out.insert(out.end(), chunk, chunk + n);
-        if (out.size() > kMaxImageFile) {
-            std::fclose(f);
-            error = path + ": file too large";
-            return false;
-        }
-    }
-    const bool ok = !std::ferror(f);
-    std::fclose(f);
-    if (!ok)
-        error = "cannot read " + path;
-    return ok;
-}
-
-uint32_t Le32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-uint16_t Le16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] | p[1] << 8);
-}
-
-bool DecodePgm(const std::vector<uint8_t>& d, GreyImage& out, std::string& why) {
-    size_t pos = 2;
-    long fields[3] = {0, 0, 0};
-    for (long& field : fields) {
-        while (pos < d.size() && (std::isspace(d[pos]) || d[pos] == '#')) {
-            if (d[pos] == '#') {
-                while (pos < d.size() && d[pos] != '\n')
-                    ++pos;
-            } else {
-                ++pos;
-            }
-        }
-        if (pos >= d.size() || !std::isdigit(d[pos])) {
-            why = "malformed PGM header";
-            return false;
-        }
-        while (pos < d.size() && std::isdigit(d[pos]) && field < 100000)
-            field = field * 10 + (d[pos++] - '0');
-    }
-    if (pos >= d.size() || !std::isspace(d[pos])) {
-        why = "malformed PGM header";
-        return false;
-    }
-    ++pos;  // the single white-space character before the pixels
-    const long w = fields[0], h = fields[1], maxval = fields[2];
-    if (w < 1 || h < 1 || w > kMaxImageSide || h > kMaxImageSide || maxval < 1 || maxval > 255) {
-        why = "unsupported PGM (8-bit grey up to 4096 x 4096 only)";
-        return false;
-    }
-    const size_t n = static_cast<size_t>(w) * h;
-    if (d.size() - pos < n) {
-        why = "truncated PGM";
-        return false;
-    }
-    out.width = int(w);
-    out.height = int(h);
-    out.pixels.assign(d.begin() + long(pos), d.begin() + long(pos + n));
-    if (maxval != 255) {
-        for (uint8_t& v : out.pixels)
-            v = static_cast<uint8_t>(std::min<long>(255, (v * 255 + maxval / 2) / maxval));
-    }
-    return true;
-}
-
-bool DecodeBmp(const std::vector<uint8_t>& d, GreyImage& out, std::string& why) {
-    if (d.size() < 54) {
-        why = "truncated BMP";
-        return false;
-    }
-    const uint32_t offset = Le32(&d[10]), header = Le32(&d[14]);
-    const int32_t w = int32_t(Le32(&d[18])), h_raw = int32_t(Le32(&d[22]));
-    const uint16_t bpp = Le16(&d[28]);
-    const uint32_t compression = Le32(&d[30]);
-    uint32_t colours = Le32(&d[46]);
-    const bool top_down = h_raw < 0;
-    const int64_t h = top_down ? -int64_t(h_raw) : int64_t(h_raw);
-    if (header < 40 || w < 1 || h < 1 || w > kMaxImageSide || h > kMaxImageSide ||
-        (bpp != 8 && bpp != 24 && bpp != 32) || compression != 0) {
-        why = "unsupported BMP (uncompressed 8, 24 or 32 bits per pixel only)";
-        return false;
-    }
-    if (bpp == 8 && colours == 0)
-        colours = 256;
-    if (colours > 256) {
-        why = "malformed BMP palette";
-        return false;
-    }
-    const uint64_t palette = 14ull + header;
-    const uint64_t stride = ((uint64_t(w) * bpp + 31) / 32) * 4;
-    if ((bpp == 8 && palette + 4ull * colours > d.size()) || offset > d.size() ||
-        d.size() - offset < stride * uint64_t(h)) {
-        why = "truncated BMP";
-        return false;
-    }
-    uint8_t grey[256] = {};
-    for (uint32_t i = 0; bpp == 8 && i < colours; ++i) {
-        const uint8_t* e = &d[palette + 4ull * i];
-        grey[i] = static_cast<uint8_t>((e[0] + e[1] + e[2] + 1) / 3);
-    }
-    out.width = w;
-    out.height = int(h);
-    out.pixels.resize(size_t(w) * size_t(h));
-    for (int64_t y = 0; y < h; ++y) {
-        const uint8_t* row = &d[offset + stride * uint64_t(top_down ? y : h - 1 - y)];
-        uint8_t* dst = &out.pixels[size_t(y) * size_t(w)];
-        for (int32_t x = 0; x < w; ++x) {
-            if (bpp == 8) {
-                dst[x] = grey[row[x]];
-            } else {
-                const uint8_t* p = row + size_t(x) * (bpp / 8);
-                dst[x] = static_cast<uint8_t>((p[0] + p[1] + p[2] + 1) / 3);
-            }
-        }
-    }
-    return true;
-}
-
-bool LoadFolder(const std::string& folder, std::vector<GreyImage>& frames, std::string& error) {
-    DIR* dir = opendir(folder.c_str());
-    if (dir == nullptr) {
-        error = "cannot open folder " + folder + ": " + std::strerror(errno);
-        return false;
-    }
-    std::vector<std::string> names;
-    while (const dirent* e = readdir(dir)) {
-        const std::string name = Lower(e->d_name);
-        if (EndsWith(name, ".pgm") || EndsWith(name, ".bmp"))
-            names.emplace_back(e->d_name);
-    }
-    closedir(dir);
-    if (names.empty()) {
-        error = "no .pgm or .bmp frames in " + folder;
-        return false;
-    }
-    std::sort(names.begin(), names.end());
-    frames.resize(names.size());
-    for (size_t i = 0; i < names.size(); ++i) {
-        if (!LoadGreyImage(folder + "/" + names[i], frames[i], error))
-            return false;
-    }
-    return true;
-}
-
 // One step of the script, split into words: the keyword, positional words
 // and key=value options.
 struct Step {
@@ -210,6 +52,11 @@ struct Step {
     std::vector<std::string> positional;
     std::map<std::string, std::string> options;
 };
+
+// The whole number of frames nearest to a time.
+uint32_t Seconds(double seconds) {
+    return static_cast<uint32_t>(std::lround(seconds / kFramePeriodSeconds));
+}
 
 class Compiler {
 public:
@@ -220,12 +67,51 @@ public:
              std::string& error);
 
 private:
+    // One row of the table of steps (kSteps). Compile() finds the row by the
+    // keyword, checks the options and the number of positional words against
+    // it and calls the row's member. A step that lasts reads its duration
+    // through Span(), from the positional word the row names, after its own
+    // checks, so that a line with several faults is reported by the first of
+    // them in the order: options, finger options or frames, then duration.
+    struct StepRule {
+        const char* keyword;
+        std::vector<std::string> options;  // keys the step accepts
+        size_t positional;                 // at most this many positional words
+        int duration;                      // which of them is the duration, -1 = none
+        double seconds;  // the duration when the script gives none (place, roll and
+                         // replay work theirs out from the finger or the recording)
+        bool (Compiler::*compile)(const Step&, const StepRule&, std::string&);
+    };
+    static const StepRule kSteps[];
+
     bool Compile(const Step& step, std::string& error);
-    bool Allow(const Step& step, std::initializer_list<const char*> keys, size_t positional,
-               std::string& error) const;
-    bool Duration(const Step& step, size_t index, uint32_t fallback, uint32_t& frames,
-                  std::string& error) const;
+    bool Allow(const Step& step, const StepRule& rule, std::string& error) const;
     bool FingerOptions(const Step& step, FingerSpec& finger, std::string& error) const;
+    // Adds the segment `s` for the step's duration (`fallback` frames, or
+    // the row's default, when the script gives none), with the finger that
+    // is on the platen.
+    bool Span(const Step& step, const StepRule& rule, uint32_t fallback, Segment s,
+              std::string& error);
+    bool Span(const Step& step, const StepRule& rule, Segment s, std::string& error) {
+        return Span(step, rule, Seconds(rule.seconds), s, error);
+    }
+    bool Touch(const Step& step, const StepRule& rule, const FingerSpec& finger, uint32_t fallback,
+               std::string& error);
+
+    // The steps, one member per row of kSteps.
+    bool Seed(const Step& step, const StepRule& rule, std::string& error);
+    bool Empty(const Step& step, const StepRule& rule, std::string& error);
+    bool Hold(const Step& step, const StepRule& rule, std::string& error);
+    bool Place(const Step& step, const StepRule& rule, std::string& error);
+    bool Fake(const Step& step, const StepRule& rule, std::string& error);
+    bool Roll(const Step& step, const StepRule& rule, std::string& error);
+    bool Move(const Step& step, const StepRule& rule, std::string& error);
+    bool EmptyFrame(const Step& step, const StepRule& rule, std::string& error);
+    bool Unplug(const Step& step, const StepRule& rule, std::string& error);
+    bool Dirt(const Step& step, const StepRule& rule, std::string& error);
+    bool Replay(const Step& step, const StepRule& rule, std::string& error);
+    bool Repeat(const Step& step, const StepRule& rule, std::string& error);
+
     void Lift() {
         if (current_ >= 0)
             fingers_[size_t(current_)].params.lift_frame = now_;
@@ -266,32 +152,75 @@ private:
     uint32_t repeats_ = 1;
 };
 
-bool Compiler::Allow(const Step& step, std::initializer_list<const char*> keys, size_t positional,
-                     std::string& error) const {
+const std::vector<std::string> kFingerOptions = {"finger", "pressure", "skin", "press", "pose"};
+const std::vector<std::string> kRollOptions = {"finger", "pressure", "skin", "press",
+                                               "over",   "pose",     "from"};
+
+// Aliases (wait, movable) share the member of the step they stand for.
+// clang-format off
+const Compiler::StepRule Compiler::kSteps[] = {
+    // keyword      options         positional  duration  seconds  compile
+    {"empty",       {},             1,          0,        1.0,     &Compiler::Empty},
+    {"lift",        {},             1,          0,        0.0,     &Compiler::Empty},
+    {"hold",        {},             1,          0,        1.0,     &Compiler::Hold},
+    {"wait",        {},             1,          0,        1.0,     &Compiler::Hold},
+    {"place",       kFingerOptions, 1,          0,        0.0,     &Compiler::Place},
+    {"fake",        kFingerOptions, 1,          0,        1.0,     &Compiler::Fake},
+    {"roll",        kRollOptions,   0,          -1,       0.0,     &Compiler::Roll},
+    {"move",        {},             1,          0,        0.5,     &Compiler::Move},
+    {"movable",     {},             1,          0,        0.5,     &Compiler::Move},
+    {"emptyframe",  {},             1,          0,        0.5,     &Compiler::EmptyFrame},
+    {"unplug",      {},             1,          0,        2.0,     &Compiler::Unplug},
+    {"dirt",        {},             1,          -1,       0.0,     &Compiler::Dirt},
+    {"replay",      {"as"},         2,          1,        0.0,     &Compiler::Replay},
+    {"seed",        {},             1,          -1,       0.0,     &Compiler::Seed},
+    {"repeat",      {},             1,          -1,       0.0,     &Compiler::Repeat},
+};
+// clang-format on
+
+bool Compiler::Compile(const Step& step, std::string& error) {
+    if (repeat_seen_) {
+        error = "'repeat' must be the last step";
+        return false;
+    }
+    const StepRule* const rule =
+        std::find_if(std::begin(kSteps), std::end(kSteps),
+                     [&](const StepRule& r) { return step.keyword == r.keyword; });
+    if (rule == std::end(kSteps)) {
+        error = "unknown step '" + step.keyword + "'";
+        return false;
+    }
+    return Allow(step, *rule, error) && (this->*rule->compile)(step, *rule, error);
+}
+
+bool Compiler::Allow(const Step& step, const StepRule& rule, std::string& error) const {
     for (const auto& option : step.options) {
-        if (std::none_of(keys.begin(), keys.end(),
-                         [&](const char* k) { return option.first == k; })) {
+        if (std::find(rule.options.begin(), rule.options.end(), option.first) ==
+            rule.options.end()) {
             error = "unknown option '" + option.first + "' for '" + step.keyword + "'";
             return false;
         }
     }
-    if (step.positional.size() > positional) {
-        error = "unexpected '" + step.positional[positional] + "' after '" + step.keyword + "'";
+    if (step.positional.size() > rule.positional) {
+        error =
+            "unexpected '" + step.positional[rule.positional] + "' after '" + step.keyword + "'";
         return false;
     }
     return true;
 }
 
-bool Compiler::Duration(const Step& step, size_t index, uint32_t fallback, uint32_t& frames,
-                        std::string& error) const {
-    if (index >= step.positional.size()) {
-        frames = fallback;
-        return true;
+bool Compiler::Span(const Step& step, const StepRule& rule, uint32_t fallback, Segment s,
+                    std::string& error) {
+    uint32_t frames = fallback;
+    if (rule.duration >= 0 && size_t(rule.duration) < step.positional.size()) {
+        const std::string& word = step.positional[size_t(rule.duration)];
+        if (!ParseDuration(word, frames)) {
+            error = "bad duration '" + word + "' (use e.g. 2s, 250ms or 12f)";
+            return false;
+        }
     }
-    if (!ParseDuration(step.positional[index], frames)) {
-        error = "bad duration '" + step.positional[index] + "' (use e.g. 2s, 250ms or 12f)";
-        return false;
-    }
+    s.finger = current_;
+    Add(frames, s);
     return true;
 }
 
@@ -329,157 +258,139 @@ bool Compiler::FingerOptions(const Step& step, FingerSpec& finger, std::string& 
     return true;
 }
 
-bool Compiler::Compile(const Step& step, std::string& error) {
-    const std::string& k = step.keyword;
-    if (repeat_seen_) {
-        error = "'repeat' must be the last step";
+// A new finger touches the platen for the step's duration. A fake or rolled
+// finger leaves at the end of it; a placed one stays until a step lifts it.
+bool Compiler::Touch(const Step& step, const StepRule& rule, const FingerSpec& finger,
+                     uint32_t fallback, std::string& error) {
+    Lift();
+    current_ = NewFinger(finger);
+    Segment s;
+    s.step = rule.keyword;
+    if (!Span(step, rule, fallback, s, error))
+        return false;
+    if (finger.fake || finger.params.kind == ImpressionKind::Rolled)
+        Lift();
+    return true;
+}
+
+bool Compiler::Seed(const Step& step, const StepRule&, std::string& error) {
+    if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], seed_)) {
+        error = "'seed' needs a number";
         return false;
     }
-    uint32_t frames = 0;
-    const auto seconds = [](double s) {
-        return static_cast<uint32_t>(std::lround(s / kFramePeriodSeconds));
-    };
-    if (k == "seed") {
-        if (!Allow(step, {}, 1, error))
-            return false;
-        if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], seed_)) {
-            error = "'seed' needs a number";
-            return false;
-        }
-        return true;
-    }
-    if (k == "empty" || k == "lift") {
-        if (!Allow(step, {}, 1, error) ||
-            !Duration(step, 0, k == "empty" ? seconds(1) : 0, frames, error))
-            return false;
-        Lift();
-        Segment s;
-        s.step = k == "empty" ? "empty" : "lift";
-        Add(frames, s);
-        return true;
-    }
-    if (k == "hold" || k == "wait") {
-        if (!Allow(step, {}, 1, error) || !Duration(step, 0, seconds(1), frames, error))
-            return false;
-        Segment s;
-        s.step = "hold";
-        s.finger = current_;
-        Add(frames, s);
-        return true;
-    }
-    if (k == "place" || k == "fake" || k == "roll") {
-        const bool roll = k == "roll";
-        if (!Allow(step,
-                   roll ? std::initializer_list<const char*>{"finger", "pressure", "skin", "press",
-                                                             "over", "pose", "from"}
-                        : std::initializer_list<const char*>{"finger", "pressure", "skin", "press",
-                                                             "pose"},
-                   roll ? 0 : 1, error))
-            return false;
+    return true;
+}
+
+// empty, lift: the finger leaves, the platen stays empty.
+bool Compiler::Empty(const Step& step, const StepRule& rule, std::string& error) {
+    Lift();
+    Segment s;
+    s.step = rule.keyword;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Hold(const Step& step, const StepRule& rule, std::string& error) {
+    Segment s;
+    s.step = "hold";
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Place(const Step& step, const StepRule& rule, std::string& error) {
+    FingerSpec finger;
+    return FingerOptions(step, finger, error) &&
+           Touch(step, rule, finger, finger.params.press_frames, error);
+}
+
+bool Compiler::Fake(const Step& step, const StepRule& rule, std::string& error) {
+    FingerSpec finger;
+    finger.fake = true;
+    return FingerOptions(step, finger, error) &&
+           Touch(step, rule, finger, Seconds(rule.seconds), error);
+}
+
+bool Compiler::Roll(const Step& step, const StepRule& rule, std::string& error) {
+    FingerSpec finger;
+    finger.params.kind = ImpressionKind::Rolled;
+    finger.params.roll_from = RollDirection::FromLeft;  // unless `from` says otherwise
+    return FingerOptions(step, finger, error) &&
+           Touch(step, rule, finger, finger.params.press_frames + finger.params.roll_frames + 1,
+                 error);
+}
+
+bool Compiler::Move(const Step& step, const StepRule& rule, std::string& error) {
+    if (current_ < 0) {  // a moving finger needs a finger
         FingerSpec finger;
-        finger.fake = k == "fake";
-        if (roll) {
-            finger.params.kind = ImpressionKind::Rolled;
-            finger.params.roll_from = RollDirection::FromLeft;  // unless `from` says otherwise
-        }
-        if (!FingerOptions(step, finger, error))
-            return false;
-        const uint32_t fallback = roll ? finger.params.press_frames + finger.params.roll_frames + 1
-                                  : k == "fake" ? seconds(1)
-                                                : finger.params.press_frames;
-        if (!Duration(step, 0, fallback, frames, error))
-            return false;
-        Lift();
-        Segment s;
-        s.step = roll ? "roll" : finger.fake ? "fake" : "place";
-        s.finger = current_ = NewFinger(finger);
-        Add(frames, s);
-        if (roll || finger.fake)
-            Lift();
-        return true;
+        finger.params.finger_seed = seed_;
+        current_ = NewFinger(finger);
     }
-    if (k == "move" || k == "movable" || k == "emptyframe" || k == "unplug") {
-        if (!Allow(step, {}, 1, error) ||
-            !Duration(step, 0, k == "unplug" ? seconds(2) : seconds(0.5), frames, error))
-            return false;
-        Segment s;
-        if (k == "unplug") {
-            s.step = "unplug";
-            s.unplugged = true;
-        } else if (k == "emptyframe") {
-            s.step = "emptyframe";
-            s.capture_error = FTR_ERROR_EMPTY_FRAME;
-        } else {
-            if (current_ < 0) {  // a moving finger needs a finger
-                FingerSpec finger;
-                finger.params.finger_seed = seed_;
-                current_ = NewFinger(finger);
-            }
-            s.step = "move";
-            s.capture_error = FTR_ERROR_MOVABLE_FINGER;
-        }
-        s.finger = current_;
-        Add(frames, s);
-        return true;
+    Segment s;
+    s.step = "move";
+    s.capture_error = FTR_ERROR_MOVABLE_FINGER;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::EmptyFrame(const Step& step, const StepRule& rule, std::string& error) {
+    Segment s;
+    s.step = "emptyframe";
+    s.capture_error = FTR_ERROR_EMPTY_FRAME;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Unplug(const Step& step, const StepRule& rule, std::string& error) {
+    Segment s;
+    s.step = "unplug";
+    s.unplugged = true;
+    return Span(step, rule, s, error);
+}
+
+bool Compiler::Dirt(const Step& step, const StepRule&, std::string& error) {
+    uint64_t spots = 0;
+    if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], spots) || spots > 50) {
+        error = "'dirt' needs a number of spots from 0 to 50";
+        return false;
     }
-    if (k == "dirt") {
-        uint64_t spots = 0;
-        if (!Allow(step, {}, 1, error))
-            return false;
-        if (step.positional.size() != 1 || !ParseUnsigned(step.positional[0], spots) ||
-            spots > 50) {
-            error = "'dirt' needs a number of spots from 0 to 50";
-            return false;
-        }
-        dirt_ = int(spots);
-        return true;
+    dirt_ = int(spots);
+    return true;
+}
+
+bool Compiler::Replay(const Step& step, const StepRule& rule, std::string& error) {
+    if (step.positional.empty()) {
+        error = "'replay' needs a folder";
+        return false;
     }
-    if (k == "replay") {
-        if (!Allow(step, {"as"}, 2, error))
-            return false;
-        if (step.positional.empty()) {
-            error = "'replay' needs a folder";
+    ReplaySpec replay;
+    replay.folder = step.positional[0];
+    if (!replay.folder.empty() && replay.folder[0] != '/' && !base_dir_.empty())
+        replay.folder = base_dir_ + "/" + replay.folder;
+    if (auto it = step.options.find("as"); it != step.options.end()) {
+        const std::string v = Lower(it->second);
+        if (v != "raw" && v != "platen") {
+            error = "bad value '" + it->second + "' for option 'as' (platen or raw)";
             return false;
         }
-        ReplaySpec replay;
-        replay.folder = step.positional[0];
-        if (!replay.folder.empty() && replay.folder[0] != '/' && !base_dir_.empty())
-            replay.folder = base_dir_ + "/" + replay.folder;
-        if (auto it = step.options.find("as"); it != step.options.end()) {
-            const std::string v = Lower(it->second);
-            if (v != "raw" && v != "platen") {
-                error = "bad value '" + it->second + "' for option 'as' (platen or raw)";
-                return false;
-            }
-            replay.raw = v == "raw";
-        }
-        if (!LoadFolder(replay.folder, replay.frames, error))
-            return false;
-        if (!Duration(step, 1, uint32_t(replay.frames.size()), frames, error))
-            return false;
-        Lift();
-        replays_.push_back(std::move(replay));
-        Segment s;
-        s.step = "replay";
-        s.replay = int(replays_.size()) - 1;
-        Add(frames, s);
-        return true;
+        replay.raw = v == "raw";
     }
-    if (k == "repeat") {
-        uint64_t count = 0;
-        if (!Allow(step, {}, 1, error))
-            return false;
-        if (!step.positional.empty() &&
-            (!ParseUnsigned(step.positional[0], count) || count < 1 || count > 1000000)) {
-            error = "'repeat' takes a count of at least 1 (none = forever)";
-            return false;
-        }
-        repeat_seen_ = true;
-        repeats_ = uint32_t(count);
-        return true;
+    if (!LoadFrameFolder(replay.folder, replay.frames, error))
+        return false;
+    const uint32_t one_pass = uint32_t(replay.frames.size());
+    Lift();
+    replays_.push_back(std::move(replay));
+    Segment s;
+    s.step = "replay";
+    s.replay = int(replays_.size()) - 1;
+    return Span(step, rule, one_pass, s, error);
+}
+
+bool Compiler::Repeat(const Step& step, const StepRule&, std::string& error) {
+    uint64_t count = 0;
+    if (!step.positional.empty() &&
+        (!ParseUnsigned(step.positional[0], count) || count < 1 || count > 1000000)) {
+        error = "'repeat' takes a count of at least 1 (none = forever)";
+        return false;
     }
-    error = "unknown step '" + k + "'";
-    return false;
+    repeat_seen_ = true;
+    repeats_ = uint32_t(count);
+    return true;
 }
 
 bool Compiler::Run(const std::string& text, std::vector<Segment>& segments, Segment& tail,
@@ -562,24 +473,6 @@ bool ParseDuration(const std::string& text, uint32_t& frames) {
         return false;
     frames = static_cast<uint32_t>(std::lround(value * scale));
     return true;
-}
-
-bool LoadGreyImage(const std::string& path, GreyImage& out, std::string& error) {
-    std::vector<uint8_t> data;
-    if (!ReadFile(path, data, error))
-        return false;
-    std::string why;
-    bool ok = false;
-    if (data.size() >= 2 && data[0] == 'P' && data[1] == '5') {
-        ok = DecodePgm(data, out, why);
-    } else if (data.size() >= 2 && data[0] == 'B' && data[1] == 'M') {
-        ok = DecodeBmp(data, out, why);
-    } else {
-        why = "neither a binary PGM nor a BMP file";
-    }
-    if (!ok)
-        error = path + ": " + why;
-    return ok;
 }
 
 const char* Scenario::DefaultScript() {

@@ -13,16 +13,10 @@
 #include <vector>
 
 #include "print/scan_engine.h"
+#include "scanner/grey_image.h"
 
 namespace kr7sim {
 namespace scanner {
-
-// An 8-bit grey image, row 0 first, no padding.
-struct GreyImage {
-    int width = 0;
-    int height = 0;
-    std::vector<uint8_t> pixels;
-};
 
 // One finger put on the platen by the script. Frames in `params` (touch,
 // lift) count from the start of the script's cycle.
@@ -89,10 +83,6 @@ private:
     uint32_t repeats_ = 1;
     uint32_t unplugs_per_cycle_ = 0;
 };
-
-// Reads an 8-bit binary PGM (P5) or an uncompressed 8-, 24- or 32-bit BMP as
-// grey levels. False and a message on failure.
-bool LoadGreyImage(const std::string& path, GreyImage& out, std::string& error);
 
 // Parses a duration: "2s", "250ms", "12f" (frames) or a bare number of
 // seconds; rounds to whole frames. False for anything else or a negative or

@@ -610,6 +610,38 @@ TEST(ScannerScenario, ReplaysRecordedFrames) {
     EXPECT_FALSE(s.ftrScanIsFingerPresent(h, nullptr));  // the script is over
 }
 
+// Each step that lasts, given no duration, one a line: the presence checks'
+// journal notes give its default length in frames and the name it shows
+// (wait as hold, movable as move; lift lasts no frame, a place its press).
+TEST(ScannerScenario, StepsWithoutDurationLastTheirDefault) {
+    TempDir dir;
+    Scanner s(Env{{"KR7SIM_SCENARIO",
+                   "empty\nlift\nplace\nhold\nmove\nlift\nwait\nfake\n"
+                   "movable\nemptyframe\nroll press=4f\nunplug\n"},
+                  {"KR7SIM_JOURNAL", dir.path + "/journal.txt"}});
+    FTRHANDLE h = s.Open();
+    for (int i = 0; i < 238; ++i)
+        s.ftrScanIsFingerPresent(h, nullptr);
+    std::string runs, last;  // "<step> line <line>:<frames>" per run of frames
+    int count = 0;
+    std::istringstream journal(dir.Read("journal.txt"));
+    for (std::string line; std::getline(journal, line);) {
+        const size_t at = line.find(" step ");
+        if (line.find("ftrScanIsFingerPresent") == std::string::npos || at == std::string::npos)
+            continue;
+        const std::string step = line.substr(at + 6, line.find(']', at) - at - 6);
+        if (step != last && count > 0)
+            runs += last + ":" + std::to_string(count) + " ";
+        count = step == last ? count + 1 : 1;
+        last = step;
+    }
+    runs += last + ":" + std::to_string(count);
+    EXPECT_EQ(runs,
+              "empty line 1:25 place line 3:8 hold line 4:25 move line 5:13 hold line 7:25 "
+              "fake line 8:25 move line 9:13 emptyframe line 10:13 roll line 11:41 "
+              "unplug line 12:50");
+}
+
 TEST(ScannerDeterminism, SameSeedSameBytesAcrossLoads) {
     auto take = [](const char* seed) {
         Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"}, {"KR7SIM_SEED", seed}});
