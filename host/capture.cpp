@@ -283,7 +283,7 @@ void Capture::Queue(const Delivery& delivery) {
         std::swap(event.image, m_Spare);
     }
     // The one copy, outside the lock: the host thread is never kept waiting.
-    event.image.Assign(delivery.image);
+    event.image.Assign(delivery.image, kScannerPpi);
     {
         std::lock_guard<std::mutex> lock(m_QueueMutex);
         if (live && m_nQueuedImages >= std::max<std::size_t>(m_Options.liveFrames, 1)) {

@@ -248,18 +248,18 @@ Image::Image(int w, int h, std::uint8_t fill, int resolution)
       ppi(resolution),
       pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), fill) {}
 
-Image::Image(const BitmapView& view) {
-    Assign(view);
+Image::Image(const BitmapView& view, int fallbackPpi) {
+    Assign(view, fallbackPpi);
 }
 
-bool Image::Assign(const BitmapView& view) {
+bool Image::Assign(const BitmapView& view, int fallbackPpi) {
     if (!view.Valid()) {
         *this = Image();
         return false;
     }
     width = view.Width();
     height = view.Height();
-    ppi = view.Ppi();
+    ppi = view.Ppi() > 0 ? view.Ppi() : fallbackPpi;
     pixels.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
     view.CopyTo(pixels.data(), static_cast<std::size_t>(width));
     return true;

@@ -315,7 +315,7 @@ Image Grabber::Snap(unsigned int channel) {
         throw Failure("GetImage", result);
     }
     Image image;
-    const bool understood = image.Assign(BitmapView(block));
+    const bool understood = image.Assign(BitmapView(block), kScannerPpi);
     m_pGrabber->FreeImage(block);
     if (!understood) {
         throw std::runtime_error("GetImage gave an image that is no 8-bit bitmap");

@@ -66,7 +66,7 @@ struct Image {
     Image() = default;
     Image(int w, int h, std::uint8_t fill, int resolution = 0);
     // One copy of a valid view; an empty image for an invalid one.
-    explicit Image(const BitmapView& view);
+    explicit Image(const BitmapView& view, int fallbackPpi = 0);
 
     bool Empty() const { return pixels.empty(); }
     std::uint8_t At(int x, int y) const { return pixels[Index(x, y)]; }
@@ -74,8 +74,9 @@ struct Image {
     const std::uint8_t* Row(int y) const { return pixels.data() + Index(0, y); }
 
     // Copies `view` into this image, reusing its buffer when it is large
-    // enough; false (and the image empty) for an invalid view.
-    bool Assign(const BitmapView& view);
+    // enough; false (and the image empty) for an invalid view. A view
+    // without a resolution gives `fallbackPpi`.
+    bool Assign(const BitmapView& view, int fallbackPpi = 0);
 
 private:
     std::size_t Index(int x, int y) const {

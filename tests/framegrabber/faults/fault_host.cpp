@@ -24,19 +24,17 @@
 //   kr7_fault_host OPERATION [WARM-UP]    (operations: see kOperations)
 //
 // WARM-UP, another operation, runs once before the first run, unreported.
-#include <dlfcn.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 
-#include "base/framegrabber.h"
+#include "kr7host/capture.h"
+#include "kr7host/plugin.h"
 
 namespace {
 
@@ -53,170 +51,145 @@ struct Outcome {
 
 std::atomic<int> g_events{0};
 
-void OnEvent(int, unsigned int, vc::eFGs, unsigned int, void*) {
-    ++g_events;
-}
-
-std::string LastError(vc::ClFramegrabber& fg) {
-    char text[512] = {};
-    unsigned long size = sizeof text - 1;
-    fg.GetLastError(text, size);
-    return text;
-}
-
 // A call's result, with the last error's text when it failed.
-Outcome Called(vc::ClFramegrabber& fg, unsigned int result) {
+Outcome Called(kr7host::Grabber& fg, unsigned int result) {
     Outcome outcome;
     outcome.result = result;
     if (result != 0) {
-        outcome.text = LastError(fg);
+        outcome.text = fg.LastError();
     }
     return outcome;
 }
 
-// The callbacks of one capture.
-struct Capture {
-    std::atomic<int> images{0};
-    std::atomic<bool> stopped{false};
-    std::mutex mutex;
-    std::string error;
-
-    static void OnImage(int, unsigned int, unsigned char*, void* user) {
-        ++static_cast<Capture*>(user)->images;
-    }
-    static void OnResult(int, unsigned int, int, unsigned char*, void*) {}
-    static void OnError(int, unsigned int, const char* text, void* user) {
-        auto& self = *static_cast<Capture*>(user);
-        std::lock_guard<std::mutex> lock(self.mutex);
-        if (self.error.empty()) {
-            self.error = text != nullptr ? text : "(null)";
-        }
-    }
-    static void OnStop(int, unsigned int, void* user) {
-        static_cast<Capture*>(user)->stopped = true;
-    }
-};
-
 // Captures on channel 1 until the capture ends by itself or has delivered
-// kFrames images, then stops it.
-Outcome RunCapture(vc::ClFramegrabber& fg, vc::eCaptureModeIDs mode) {
-    Capture capture;
+// kFrames images, then stops it. The text is the error callback's first.
+Outcome RunCapture(kr7host::Grabber& fg, vc::eCaptureModeIDs mode) {
     Outcome outcome;
-    fg.SetCallbacks(1, nullptr, &Capture::OnStop);
-    outcome.result = fg.StartCapture(7, 1, mode, &Capture::OnImage, &Capture::OnResult,
-                                     &Capture::OnError, nullptr, &capture);
-    if (outcome.result != 0) {
-        outcome.text = LastError(fg);
+    kr7host::Capture capture(fg, {1, mode, 64});
+    try {
+        capture.Start(7);
+    } catch (const kr7host::Error& e) {
+        outcome.result = e.Result();
+        outcome.text = e.Text();
         return outcome;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!capture.stopped && capture.images < kFrames &&
+    while (!capture.Stopped() && capture.Totals().images < kFrames &&
            std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        const std::optional<kr7host::Event> event = capture.Next(std::chrono::milliseconds(2));
+        if (event && event->kind == kr7host::Kind::Error && outcome.text.empty()) {
+            outcome.text = event->text;
+        }
     }
-    if (fg.StopCapture(1) != 0) {
-        std::printf("StopCapture failed: %s\n", LastError(fg).c_str());
+    try {
+        capture.Stop();
+    } catch (const kr7host::Error& e) {
+        std::printf("%s\n", e.what());
     }
-    outcome.images = capture.images;
-    std::lock_guard<std::mutex> lock(capture.mutex);
-    outcome.text = capture.error;
+    for (std::optional<kr7host::Event> event;
+         (event = capture.Next(std::chrono::milliseconds(0)));) {
+        if (event->kind == kr7host::Kind::Error && outcome.text.empty()) {
+            outcome.text = event->text;
+        }
+    }
+    outcome.images = static_cast<int>(capture.Totals().images);
     return outcome;
 }
 
-Outcome Snap(vc::ClFramegrabber& fg) {
+Outcome Snap(kr7host::Grabber& fg) {
     unsigned char* image = nullptr;
-    Outcome outcome = Called(fg, fg.GetImage(1, &image));
+    Outcome outcome = Called(fg, fg->GetImage(1, &image));
     if (image != nullptr) {
         outcome.images = 1;
-        fg.FreeImage(image);
+        fg->FreeImage(image);
     }
     return outcome;
 }
 
 // Sets a property, then reads it back.
-Outcome SetProperty(vc::ClFramegrabber& fg, vc::ePropertyIDs id) {
-    Outcome outcome = Called(fg, fg.SetFGProperty(id, 100));
-    fg.GetFGProperty(id, outcome.value);
+Outcome SetProperty(kr7host::Grabber& fg, vc::ePropertyIDs id) {
+    Outcome outcome = Called(fg, fg->SetFGProperty(id, 100));
+    fg->GetFGProperty(id, outcome.value);
     return outcome;
 }
 
-Outcome GetProperty(vc::ClFramegrabber& fg, vc::ePropertyIDs id) {
+Outcome GetProperty(kr7host::Grabber& fg, vc::ePropertyIDs id) {
     unsigned int value = 0;
-    Outcome outcome = Called(fg, fg.GetFGProperty(id, value));
+    Outcome outcome = Called(fg, fg->GetFGProperty(id, value));
     outcome.value = value;
     return outcome;
 }
 
 struct Operation {
     const char* name;
-    Outcome (*run)(vc::ClFramegrabber& fg);
-    void (*prepare)(vc::ClFramegrabber& fg) = nullptr;  // once, before the first run
+    Outcome (*run)(kr7host::Grabber& fg);
+    void (*prepare)(kr7host::Grabber& fg) = nullptr;  // once, before the first run
 };
 
-void FakeFingerOn(vc::ClFramegrabber& fg) {
-    fg.SetFGProperty(vc::ePropFakeFingerDetection, 100);
+void FakeFingerOn(kr7host::Grabber& fg) {
+    fg->SetFGProperty(vc::ePropFakeFingerDetection, 100);
 }
 
-void RedLEDOn(vc::ClFramegrabber& fg) {
-    fg.SetFGProperty(vc::ePropRedLED, 100);
+void RedLEDOn(kr7host::Grabber& fg) {
+    fg->SetFGProperty(vc::ePropRedLED, 100);
 }
 
 const Operation kOperations[] = {
-    {"initialize", [](vc::ClFramegrabber& fg) { return Called(fg, fg.Initizalize(nullptr)); }},
+    {"initialize", [](kr7host::Grabber& fg) { return Called(fg, fg->Initizalize(nullptr)); }},
     {"info",
-     [](vc::ClFramegrabber& fg) {
+     [](kr7host::Grabber& fg) {
          char buffer[512] = {};
          unsigned long size = sizeof buffer;
-         return Called(fg, fg.GetInfo(buffer, size));
+         return Called(fg, fg->GetInfo(buffer, size));
      }},
     {"snap", Snap},
     {"contamination",
-     [](vc::ClFramegrabber& fg) {
+     [](kr7host::Grabber& fg) {
          double share = -1;
-         Outcome outcome = Called(fg, fg.ContaminationDetection(1, &share));
+         Outcome outcome = Called(fg, fg->ContaminationDetection(1, &share));
          if (outcome.result == 0 && !(share >= 0 && share <= 1)) {
              outcome.text = "contamination out of range";
          }
          return outcome;
      }},
-    {"live", [](vc::ClFramegrabber& fg) { return RunCapture(fg, vc::eCaptureLive); }},
-    {"plain", [](vc::ClFramegrabber& fg) { return RunCapture(fg, vc::eCapturePlainFinger); }},
-    {"red-set", [](vc::ClFramegrabber& fg) { return SetProperty(fg, vc::ePropRedLED); }},
-    {"green-set", [](vc::ClFramegrabber& fg) { return SetProperty(fg, vc::ePropGreenLED); }},
-    {"red-get", [](vc::ClFramegrabber& fg) { return GetProperty(fg, vc::ePropRedLED); }},
-    {"green-get", [](vc::ClFramegrabber& fg) { return GetProperty(fg, vc::ePropGreenLED); }},
+    {"live", [](kr7host::Grabber& fg) { return RunCapture(fg, vc::eCaptureLive); }},
+    {"plain", [](kr7host::Grabber& fg) { return RunCapture(fg, vc::eCapturePlainFinger); }},
+    {"red-set", [](kr7host::Grabber& fg) { return SetProperty(fg, vc::ePropRedLED); }},
+    {"green-set", [](kr7host::Grabber& fg) { return SetProperty(fg, vc::ePropGreenLED); }},
+    {"red-get", [](kr7host::Grabber& fg) { return GetProperty(fg, vc::ePropRedLED); }},
+    {"green-get", [](kr7host::Grabber& fg) { return GetProperty(fg, vc::ePropGreenLED); }},
     {"fake-set",
-     [](vc::ClFramegrabber& fg) { return SetProperty(fg, vc::ePropFakeFingerDetection); }},
+     [](kr7host::Grabber& fg) { return SetProperty(fg, vc::ePropFakeFingerDetection); }},
     {"fake-get",
-     [](vc::ClFramegrabber& fg) { return GetProperty(fg, vc::ePropFakeFingerDetection); }},
+     [](kr7host::Grabber& fg) { return GetProperty(fg, vc::ePropFakeFingerDetection); }},
     // With fake-finger detection on, frames come from a different entry.
     {"fake-snap", Snap, FakeFingerOn},
-    {"fake-live", [](vc::ClFramegrabber& fg) { return RunCapture(fg, vc::eCaptureLive); },
+    {"fake-live", [](kr7host::Grabber& fg) { return RunCapture(fg, vc::eCaptureLive); },
      FakeFingerOn},
     // With an LED lit, the plug-in switches it on again after every frame.
-    {"lit-live", [](vc::ClFramegrabber& fg) { return RunCapture(fg, vc::eCaptureLive); }, RedLEDOn},
+    {"lit-live", [](kr7host::Grabber& fg) { return RunCapture(fg, vc::eCaptureLive); }, RedLEDOn},
     {"list",
-     [](vc::ClFramegrabber& fg) {
+     [](kr7host::Grabber& fg) {
          vc::DeviceInfo devices[4] = {};
          unsigned long count = 4;
-         Outcome outcome = Called(fg, fg.AvailableDevices(devices, count));
+         Outcome outcome = Called(fg, fg->AvailableDevices(devices, count));
          unsigned long active = 99;
-         fg.GetActiveDevice(active);
+         fg->GetActiveDevice(active);
          outcome.value = static_cast<unsigned int>(active);
          return outcome;
      }},
     {"count",
-     [](vc::ClFramegrabber& fg) {
+     [](kr7host::Grabber& fg) {
          unsigned long count = 0;
-         Outcome outcome = Called(fg, fg.AvailableDevices(nullptr, count));
+         Outcome outcome = Called(fg, fg->AvailableDevices(nullptr, count));
          outcome.value = static_cast<unsigned int>(count);
          return outcome;
      }},
-    {"select", [](vc::ClFramegrabber& fg) { return Called(fg, fg.SetActiveDevice(1)); }},
+    {"select", [](kr7host::Grabber& fg) { return Called(fg, fg->SetActiveDevice(1)); }},
     {"active",
-     [](vc::ClFramegrabber& fg) {
+     [](kr7host::Grabber& fg) {
          unsigned long index = 99;
-         Outcome outcome = Called(fg, fg.GetActiveDevice(index));
+         Outcome outcome = Called(fg, fg->GetActiveDevice(index));
          outcome.value = static_cast<unsigned int>(index);
          return outcome;
      }},
@@ -266,39 +239,41 @@ int main(int argc, char** argv) {
     setenv("KR7SIM_UNITS", "if=0;if=1", 0);
     unsetenv("KR7SIM_REALTIME");
 
-    void* plugin = dlopen(KR7_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-    if (plugin == nullptr) {
-        std::fprintf(stderr, "cannot load the plug-in: %s\n", dlerror());
+    kr7host::Options options;
+    options.plugin = KR7_PLUGIN_PATH;
+    std::optional<kr7host::Library> library;
+    try {
+        library.emplace(options);
+    } catch (const kr7host::LoadError& e) {
+        std::fprintf(stderr, "%s\n", e.what());
         return 3;
     }
-    auto get = reinterpret_cast<FGGetFrameGrabberFn>(dlsym(plugin, "GetFrameGrabber"));
-    auto destroy = reinterpret_cast<FGDestroyFrameGrabberFn>(dlsym(plugin, "DestroyFrameGrabber"));
-    vc::ClFramegrabber* fg = get != nullptr && destroy != nullptr ? get() : nullptr;
-    if (fg == nullptr) {
-        std::fprintf(stderr, "no frame grabber\n");
-        return 3;
+    {
+        kr7host::Grabber fg(*library, false);
+        if (const unsigned int result = fg->Initizalize(nullptr); result != 0) {
+            std::printf("Initizalize failed: 0x%x\n", result);
+        }
+        fg.OnEvent([](unsigned int, unsigned int) { ++g_events; });
+        if (operation->prepare != nullptr) {
+            operation->prepare(fg);
+        }
+        if (warmUp != nullptr) {
+            warmUp->run(fg);
+            g_events = 0;
+        }
+        Print("first", operation->run(fg));
+        Print("second", operation->run(fg));
+        if (std::getenv("KR7SIM_JOURNAL") != nullptr ||
+            std::getenv("KR7SIM_CAL_JOURNAL") != nullptr) {
+            std::printf("journal scanner=%ld calibration=%ld\n", JournalLines("KR7SIM_JOURNAL"),
+                        JournalLines("KR7SIM_CAL_JOURNAL"));
+        }
+        std::printf("uninitialize result=0x%x\n", fg->Uninitialize());
     }
-    if (const unsigned int result = fg->Initizalize(nullptr); result != 0) {
-        std::printf("Initizalize failed: 0x%x\n", result);
-    }
-    fg->EnableEvents(0, 1, &OnEvent, nullptr);
-    if (operation->prepare != nullptr) {
-        operation->prepare(*fg);
-    }
-    if (warmUp != nullptr) {
-        warmUp->run(*fg);
-        g_events = 0;
-    }
-    Print("first", operation->run(*fg));
-    Print("second", operation->run(*fg));
-    if (std::getenv("KR7SIM_JOURNAL") != nullptr || std::getenv("KR7SIM_CAL_JOURNAL") != nullptr) {
-        std::printf("journal scanner=%ld calibration=%ld\n", JournalLines("KR7SIM_JOURNAL"),
-                    JournalLines("KR7SIM_CAL_JOURNAL"));
-    }
-    std::printf("uninitialize result=0x%x\n", fg->Uninitialize());
-    destroy();
-    if (dlclose(plugin) != 0) {
-        std::printf("dlclose failed: %s\n", dlerror());
+    try {
+        library->Close();
+    } catch (const std::exception& e) {
+        std::printf("%s\n", e.what());
     }
     std::printf("done\n");
     return 0;

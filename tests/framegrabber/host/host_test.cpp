@@ -1,115 +1,75 @@
 // End-to-end tests through the plug-in's host contract: the built library
-// is loaded with dlopen and driven through GetFrameGrabber, as a host does.
-// Only the public header is used. Each case runs as a CTest test of its own
-// (the plug-in keeps process-wide state), with LD_LIBRARY_PATH choosing
-// which closed libraries the plug-in finds.
-#include <dlfcn.h>
+// is loaded with dlopen and driven through GetFrameGrabber, as a host does,
+// through kr7host. Each case runs as a CTest test of its own (the plug-in
+// keeps process-wide state), with LD_LIBRARY_PATH choosing which closed
+// libraries the plug-in finds.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "base/framegrabber.h"
+#include "kr7host/capture.h"
+#include "kr7host/plugin.h"
 
 namespace {
 
 constexpr const char* kScenario = "empty 0.3s; place; hold 1.5s; lift 0.5s; repeat";
 
-template <class Done>
-bool Eventually(Done done, std::chrono::seconds limit = std::chrono::seconds(60)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
-}
-
-// The last error's text, read the way the contract describes.
-std::string LastError(vc::ClFramegrabber& fg) {
-    unsigned long size = 0;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.GetLastError(nullptr, size));
-    std::string text(size, '\0');
-    EXPECT_EQ(0u, fg.GetLastError(&text[0], size));
-    text.resize(size > 0 ? size - 1 : 0);
-    return text;
-}
-
-std::string Info(vc::ClFramegrabber& fg, unsigned int& result) {
-    char buffer[512] = {};
-    unsigned long size = sizeof buffer;
-    result = fg.GetInfo(buffer, size);
-    // A list of zero-terminated texts: shown with the zeros as '|'.
-    std::string text(buffer, size < sizeof buffer ? size : sizeof buffer);
-    for (char& c : text) {
-        c = c == '\0' ? '|' : c;
-    }
-    return text;
-}
-
-// Checks the packed bitmap a callback or GetImage hands out.
-void ExpectBitmap(const unsigned char* image) {
-    ASSERT_NE(nullptr, image);
-    std::int32_t header = 0, width = 0, height = 0;
-    std::uint16_t bits = 0;
-    std::memcpy(&header, image, 4);
-    std::memcpy(&width, image + 4, 4);
-    std::memcpy(&height, image + 8, 4);
-    std::memcpy(&bits, image + 14, 2);
-    EXPECT_EQ(40, header);
-    EXPECT_GT(width, 100);
-    EXPECT_GT(height, 100);
-    EXPECT_EQ(8, bits);
-}
-
-// What the host's callbacks received.
-struct Received {
-    std::atomic<int> images{0};
-    std::atomic<int> results{0};
-    std::atomic<int> stops{0};
-    std::atomic<int> badResult{0};
-    std::mutex mutex;
-    std::vector<std::string> errors;
-
-    std::vector<std::string> Errors() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return errors;
-    }
-
-    static void OnImage(int handle, unsigned int, unsigned char* image, void* user) {
-        EXPECT_EQ(11, handle);
-        ExpectBitmap(image);
-        ++static_cast<Received*>(user)->images;
-    }
-    static void OnResult(int, unsigned int tag, int result, unsigned char* image, void* user) {
-        auto& self = *static_cast<Received*>(user);
-        ExpectBitmap(image);
-        if (result != vc::eCapturePlainFinger || tag != 1) {
-            ++self.badResult;
+// GetInfo's texts, joined with '|'.
+std::string Info(kr7host::Grabber& fg, unsigned int& result) {
+    try {
+        std::string joined;
+        for (const std::string& text : fg.Info()) {
+            joined += text + "|";
         }
-        ++self.results;
+        result = 0;
+        return joined;
+    } catch (const kr7host::Error& e) {
+        result = e.Result();
+        return "";
     }
-    static void OnError(int, unsigned int, const char* text, void* user) {
-        auto& self = *static_cast<Received*>(user);
-        std::lock_guard<std::mutex> lock(self.mutex);
-        self.errors.emplace_back(text ? text : "(null)");
-    }
-    static void OnStop(int, unsigned int, void* user) { ++static_cast<Received*>(user)->stops; }
+}
 
-    unsigned int Start(vc::ClFramegrabber& fg, vc::eCaptureModeIDs mode) {
-        EXPECT_EQ(0u, fg.SetCallbacks(1, nullptr, &OnStop));
-        return fg.StartCapture(11, 1, mode, &OnImage, &OnResult, &OnError, nullptr, this);
+// A plug-in image: an 8-bit bitmap of a scanner's size.
+void ExpectBitmap(const kr7host::BitmapView& image) {
+    ASSERT_TRUE(image.Valid());
+    EXPECT_GT(image.Width(), 100);
+    EXPECT_GT(image.Height(), 100);
+}
+
+// Runs a capture on channel 1 until `done` holds for what came (or a minute
+// has passed) and stops it; what came, in order.
+template <class Done>
+std::vector<kr7host::Event> CaptureUntil(kr7host::Grabber& fg, vc::eCaptureModeIDs mode, Done done,
+                                         kr7host::Counts& counts) {
+    kr7host::Capture capture(fg, {1, mode, 1000});
+    capture.Start(11);
+    std::vector<kr7host::Event> events;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!done(events) && std::chrono::steady_clock::now() < deadline) {
+        if (std::optional<kr7host::Event> event = capture.Next(std::chrono::milliseconds(50))) {
+            events.push_back(std::move(*event));
+        }
     }
-};
+    capture.Stop();
+    while (std::optional<kr7host::Event> event = capture.Next(std::chrono::milliseconds(0))) {
+        events.push_back(std::move(*event));
+    }
+    counts = capture.Totals();
+    return events;
+}
+
+long Count(const std::vector<kr7host::Event>& events, kr7host::Kind kind) {
+    return std::count_if(events.begin(), events.end(),
+                         [kind](const kr7host::Event& e) { return e.kind == kind; });
+}
 
 class Host : public ::testing::Test {
 protected:
@@ -117,65 +77,34 @@ protected:
         // The virtual scanner reads its settings at its first call.
         setenv("KR7SIM_SCENARIO", kScenario, 1);
         unsetenv("KR7SIM_REALTIME");
-        m_hPlugin = dlopen(KR7_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(nullptr, m_hPlugin) << dlerror();
-        get = reinterpret_cast<FGGetFrameGrabberFn>(dlsym(m_hPlugin, "GetFrameGrabber"));
-        destroy =
-            reinterpret_cast<FGDestroyFrameGrabberFn>(dlsym(m_hPlugin, "DestroyFrameGrabber"));
-        global = static_cast<vc::ClFramegrabber**>(dlsym(m_hPlugin, "m_pFrameGrabber"));
-        ASSERT_NE(nullptr, get);
-        ASSERT_NE(nullptr, destroy);
-        ASSERT_NE(nullptr, global);
+        kr7host::Options options;
+        options.plugin = KR7_PLUGIN_PATH;
+        library.emplace(options);
     }
-    void TearDown() override {
-        if (destroy != nullptr) {
-            destroy();
-        }
-        if (m_hPlugin != nullptr) {
-            EXPECT_EQ(0, dlclose(m_hPlugin));
-        }
-    }
+    void TearDown() override { EXPECT_NO_THROW(library->Close()); }
 
-    // GetFrameGrabber, Initizalize.
-    vc::ClFramegrabber& Open() {
-        vc::ClFramegrabber* fg = get();
-        EXPECT_NE(nullptr, fg);
-        EXPECT_EQ(0u, fg->Initizalize(nullptr));
-        return *fg;
-    }
-
-    FGGetFrameGrabberFn get = nullptr;
-    FGDestroyFrameGrabberFn destroy = nullptr;
-    vc::ClFramegrabber** global = nullptr;
-
-private:
-    void* m_hPlugin = nullptr;
+    std::optional<kr7host::Library> library;
 };
 
 TEST_F(Host, OneObjectUntilDestroyedThenAFreshOne) {
-    EXPECT_EQ(nullptr, *global);
-    vc::ClFramegrabber* first = get();
+    EXPECT_EQ(nullptr, library->Current());
+    vc::ClFramegrabber* first = library->GetFrameGrabber();
     ASSERT_NE(nullptr, first);
-    EXPECT_EQ(first, get());
-    EXPECT_EQ(first, *global);
+    EXPECT_EQ(first, library->GetFrameGrabber());
+    EXPECT_EQ(first, library->Current());
     unsigned int value = 0;
     EXPECT_EQ(0u, first->SetFGProperty(vc::ePropFakeFingerDetection, 1));
     EXPECT_EQ(0u, first->GetFGProperty(vc::ePropFakeFingerDetection, value));
     EXPECT_EQ(100u, value);
 
-    destroy();
-    EXPECT_EQ(nullptr, *global);
-    destroy();  // harmless without an object
-    vc::ClFramegrabber* second = get();
-    ASSERT_NE(nullptr, second);
-    EXPECT_EQ(second, *global);
+    library->DestroyFrameGrabber();
+    EXPECT_EQ(nullptr, library->Current());
+    library->DestroyFrameGrabber();  // harmless without an object
+    kr7host::Grabber second(*library, false);
+    EXPECT_EQ(&second.Raw(), library->Current());
     // A fresh object: the setting of the old one is gone.
-    EXPECT_EQ(0u, second->GetFGProperty(vc::ePropFakeFingerDetection, value));
-    EXPECT_EQ(0u, value);
-    char version[16];
-    unsigned long size = sizeof version;
-    EXPECT_EQ(0u, second->GetVersion(version, size));
-    EXPECT_STREQ("1.13.38.0", version);
+    EXPECT_EQ(0u, second.Property(vc::ePropFakeFingerDetection));
+    EXPECT_EQ("1.13.38.0", second.Version());
 }
 
 // Run with KR7_LOG_LEVEL=trace and KR7_LOG_FILE naming a file: the plug-in's
@@ -189,11 +118,11 @@ TEST_F(Host, InitializeSwitchesLoggingOn) {
         std::ifstream in(file);
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     };
-    vc::ClFramegrabber& fg = Open();
+    kr7host::Grabber fg(*library);
     unsigned int result = 0;
     EXPECT_EQ(0u, Info(fg, result).find("Norvak QV2 scanner"));
     EXPECT_EQ(0u, result);
-    EXPECT_EQ(0u, fg.Uninitialize());
+    fg.Shutdown();
     const std::string written = log();
     EXPECT_NE(std::string::npos, written.find("QV2 scanner. Calling ReadSDKInfo function."));
     EXPECT_EQ(0u, Info(fg, result).find("Norvak QV2 scanner"));
@@ -202,47 +131,55 @@ TEST_F(Host, InitializeSwitchesLoggingOn) {
 
 // Without libnorvaklf.so the plug-in works, only silently.
 TEST_F(Host, WithoutTheLoggingLibraryEverythingWorks) {
-    vc::ClFramegrabber& fg = Open();
+    kr7host::Grabber fg(*library);
     unsigned char* image = nullptr;
-    EXPECT_EQ(0u, fg.GetImage(1, &image));
-    ExpectBitmap(image);
-    EXPECT_EQ(0u, fg.FreeImage(image));
-    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(0u, fg->GetImage(1, &image));
+    ExpectBitmap(kr7host::BitmapView(image));
+    EXPECT_EQ(0u, fg->FreeImage(image));
+    EXPECT_NO_THROW(fg.Shutdown());
 }
 
 TEST_F(Host, PlainFingerCaptureDeliversFramesAndResults) {
-    vc::ClFramegrabber& fg = Open();
-    Received received;
-    ASSERT_EQ(0u, received.Start(fg, vc::eCapturePlainFinger));
-    EXPECT_TRUE(Eventually([&] { return received.results.load() >= 2; }));
-    EXPECT_EQ(0u, fg.StopCapture(1));
-    EXPECT_EQ(1, received.stops.load());
-    EXPECT_GT(received.images.load(), 10);
-    EXPECT_EQ(0, received.badResult.load());
-    EXPECT_TRUE(received.Errors().empty());
-    EXPECT_EQ(0u, fg.Uninitialize());
+    kr7host::Grabber fg(*library);
+    kr7host::Counts counts;
+    const std::vector<kr7host::Event> events = CaptureUntil(
+        fg, vc::eCapturePlainFinger,
+        [](const auto& events) { return Count(events, kr7host::Kind::Result) >= 2; }, counts);
+    EXPECT_GE(Count(events, kr7host::Kind::Result), 2);
+    EXPECT_GT(Count(events, kr7host::Kind::Image), 10);
+    EXPECT_EQ(1, counts.starts);
+    EXPECT_EQ(1, counts.stops);
+    EXPECT_EQ(0, counts.errors);
+    // Handle, channel, result type and every image as the contract says.
+    EXPECT_EQ(0, counts.strays);
+    EXPECT_EQ(0, counts.late);
+    for (const kr7host::Event& event : events) {
+        EXPECT_EQ(11, event.handle);
+        EXPECT_EQ(1u, event.tag);
+    }
+    EXPECT_NO_THROW(fg.Shutdown());
 }
 
 TEST_F(Host, ContaminationOfThePlaten) {
-    vc::ClFramegrabber& fg = Open();
+    kr7host::Grabber fg(*library);
+    EXPECT_GE(fg.Contamination(), 0.0);
     double contamination = -1;
-    EXPECT_EQ(0u, fg.ContaminationDetection(1, &contamination));
-    EXPECT_GE(contamination, 0.0);
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_CHANNEL, fg.ContaminationDetection(2, &contamination));
-    EXPECT_EQ("Incorrect channel number for frame grabber", LastError(fg));
-    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_CHANNEL,
+              fg->ContaminationDetection(2, &contamination));
+    EXPECT_EQ("Incorrect channel number for frame grabber", fg.LastError());
+    EXPECT_NO_THROW(fg.Shutdown());
 }
 
 TEST_F(Host, ScannerListAndSelection) {
     setenv("KR7SIM_UNITS", "if=0,serial=KR7UNIT0;if=2,serial=KR7UNIT2", 1);
-    vc::ClFramegrabber& fg = Open();
+    kr7host::Grabber fg(*library);
     unsigned long count = 0;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.AvailableDevices(nullptr, count));
+    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg->AvailableDevices(nullptr, count));
     EXPECT_EQ(2u, count);
     vc::DeviceInfo devices[3];
     std::memset(devices, 0x55, sizeof devices);
     count = 3;
-    ASSERT_EQ(0u, fg.AvailableDevices(devices, count));
+    ASSERT_EQ(0u, fg->AvailableDevices(devices, count));
     ASSERT_EQ(2u, count);
     EXPECT_STREQ("KR7UNIT0", devices[0].SerialNumber);
     EXPECT_EQ(0u, devices[0].Index);
@@ -250,18 +187,20 @@ TEST_F(Host, ScannerListAndSelection) {
     EXPECT_STREQ("", devices[1].Description);
     EXPECT_EQ(2u, devices[1].Index);
 
-    EXPECT_EQ(0u, fg.SetActiveDevice(devices[1].Index));
-    unsigned long active = 99;
-    EXPECT_EQ(0u, fg.GetActiveDevice(active));
-    EXPECT_EQ(2u, active);
+    fg.SelectDevice(devices[1].Index);
+    EXPECT_EQ(2u, fg.ActiveDevice());
     unsigned int result = 0;
     EXPECT_NE(std::string::npos, Info(fg, result).find("|KR7UNIT2|"));
     EXPECT_EQ(0u, result);
 
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_DEVICE_INDEX,
-              fg.SetActiveDevice(1));  // no scanner there
-    EXPECT_EQ("The device index out of range or is not supported by frame grabber", LastError(fg));
-    EXPECT_EQ(0u, fg.Uninitialize());
+    try {
+        fg.SelectDevice(1);  // no scanner there
+        ADD_FAILURE() << "SetActiveDevice(1) succeeded";
+    } catch (const kr7host::Error& e) {
+        EXPECT_EQ(vc::FGERR_BAD_DEVICE_INDEX, e.Number());
+        EXPECT_EQ("The device index out of range or is not supported by frame grabber", e.Text());
+    }
+    EXPECT_NO_THROW(fg.Shutdown());
 }
 
 // A closed library missing or incomplete: the operation that opens the
@@ -281,26 +220,29 @@ class MissingLibrary : public Host, public ::testing::WithParamInterface<Missing
 
 TEST_P(MissingLibrary, IsReportedAndSurvived) {
     const Missing& m = GetParam();
-    vc::ClFramegrabber& fg = Open();  // logging may be missing too: still 0
+    kr7host::Grabber fg(*library);  // logging may be missing too: still 0
     unsigned int result = 0;
     Info(fg, result);
     EXPECT_EQ(vc::FGERR_FLAG | m.number, result);
-    const std::string text = LastError(fg);
-    EXPECT_NE(std::string::npos, text.find(m.text)) << text;
+    EXPECT_NE(std::string::npos, fg.LastError().find(m.text)) << fg.LastError();
 
-    Received received;
-    ASSERT_EQ(0u, received.Start(fg, vc::eCaptureLive));
-    ASSERT_TRUE(Eventually([&] { return received.stops.load() == 1; }));
-    EXPECT_EQ(0, received.images.load());
-    const std::vector<std::string> errors = received.Errors();
-    ASSERT_EQ(1u, errors.size());
-    EXPECT_NE(std::string::npos, errors[0].find(m.text)) << errors[0];
-    EXPECT_EQ(0u, fg.StopCapture(1));
+    kr7host::Counts counts;
+    const std::vector<kr7host::Event> events = CaptureUntil(
+        fg, vc::eCaptureLive,
+        [](const auto& events) { return Count(events, kr7host::Kind::Stop) > 0; }, counts);
+    EXPECT_EQ(1, counts.stops);
+    EXPECT_EQ(0, counts.images);
+    ASSERT_EQ(1, Count(events, kr7host::Kind::Error));
+    for (const kr7host::Event& event : events) {
+        if (event.kind == kr7host::Kind::Error) {
+            EXPECT_NE(std::string::npos, event.text.find(m.text)) << event.text;
+        }
+    }
 
     unsigned char* image = nullptr;
-    EXPECT_EQ(vc::FGERR_FLAG | m.number, fg.GetImage(1, &image));
+    EXPECT_EQ(vc::FGERR_FLAG | m.number, fg->GetImage(1, &image));
     EXPECT_EQ(nullptr, image);
-    EXPECT_EQ(0u, fg.Uninitialize());
+    EXPECT_NO_THROW(fg.Shutdown());
 }
 
 INSTANTIATE_TEST_SUITE_P(
