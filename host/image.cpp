@@ -424,37 +424,46 @@ Image ReadBmp(const std::string& path) {
     return image;
 }
 
-Image ReadPgm(const std::string& path) {
-    const std::vector<unsigned char> bytes = Slurp(path);
+Image ParsePgm(const unsigned char* data, std::size_t size) {
     // "P5", then width, height and maximum, each after white space and
     // comments, then one white-space byte and the rows.
+    if (data == nullptr || size < 2 || data[0] != 'P' || data[1] != '5') {
+        return Image();
+    }
     std::size_t at = 2;
     long fields[3] = {};
-    const bool magic = bytes.size() > 2 && bytes[0] == 'P' && bytes[1] == '5';
     for (long& field : fields) {
-        while (magic && at < bytes.size() && (std::isspace(bytes[at]) || bytes[at] == '#')) {
-            if (bytes[at] == '#') {
-                while (at < bytes.size() && bytes[at] != '\n') {
+        while (at < size && (std::isspace(data[at]) || data[at] == '#')) {
+            if (data[at] == '#') {
+                while (at < size && data[at] != '\n') {
                     ++at;
                 }
             } else {
                 ++at;
             }
         }
-        for (int digits = 0; at < bytes.size() && std::isdigit(bytes[at]) && digits < 6; ++digits) {
-            field = field * 10 + (bytes[at++] - '0');
+        for (int digits = 0; at < size && std::isdigit(data[at]) && digits < 6; ++digits) {
+            field = field * 10 + (data[at++] - '0');
         }
     }
     const long width = fields[0], height = fields[1];
-    if (!magic || width <= 0 || height <= 0 || width > BitmapView::kMaxSide ||
-        height > BitmapView::kMaxSide || fields[2] != 255 || at >= bytes.size() ||
-        !std::isspace(bytes[at]) ||
-        bytes.size() - at - 1 <
-            static_cast<std::size_t>(width) * static_cast<std::size_t>(height)) {
-        throw CannotRead(path, "not a binary PGM file with 255 grey levels");
+    if (width <= 0 || height <= 0 || width > BitmapView::kMaxSide ||
+        height > BitmapView::kMaxSide || fields[2] != 255 || at >= size ||
+        !std::isspace(data[at]) ||
+        size - at - 1 < static_cast<std::size_t>(width) * static_cast<std::size_t>(height)) {
+        return Image();
     }
     Image image(static_cast<int>(width), static_cast<int>(height), 0);
-    std::memcpy(image.pixels.data(), bytes.data() + at + 1, image.pixels.size());
+    std::memcpy(image.pixels.data(), data + at + 1, image.pixels.size());
+    return image;
+}
+
+Image ReadPgm(const std::string& path) {
+    const std::vector<unsigned char> bytes = Slurp(path);
+    Image image = ParsePgm(bytes.data(), bytes.size());
+    if (image.Empty()) {
+        throw CannotRead(path, "not a binary PGM file with 255 grey levels");
+    }
     return image;
 }
 

@@ -91,6 +91,15 @@ def main():
     bmp24 = struct.pack("<IiiHHIIiiII", 40, 2, 2, 1, 24, 0, 0, 0, 0, 0, 0) + bytes(range(16))
     write("scenario", "frame24.bmp", b"BM" + struct.pack("<IHHI", 14 + len(bmp24), 0, 0, 54) + bmp24)
 
+    # kr7host's readers: a BMP file as kr7 writes it, the plug-in's block, a PGM.
+    block5x3 = dib(5, 3, 8)
+    write("host_image", "grey_5x3.bmp",
+          b"BM" + struct.pack("<IHHI", 14 + len(block5x3), 0, 0, 14 + 40 + 1024) + block5x3)
+    bottom_up = dib(3, 2, 8)
+    write("host_image", "block_top_down", bottom_up[:8] + struct.pack("<i", -2) + bottom_up[12:])
+    write("host_image", "block_short_table", dib(6, 2, 8, colours=16))
+    write("host_image", "frame.pgm", b"P5\n# kr7\n4 2\n255\n" + bytes(range(100, 108)))
+
 
 if __name__ == "__main__":
     main()

@@ -106,7 +106,9 @@ Image ReadPng(const std::string& path);
 Image ReadBmp(const std::string& path);
 Image ReadPgm(const std::string& path);
 
-// A BMP file's bytes; an empty image when they are not one ReadBmp takes.
+// A file's bytes; an empty image when they are not one ReadBmp or ReadPgm
+// takes.
 Image ParseBmp(const unsigned char* data, std::size_t size);
+Image ParsePgm(const unsigned char* data, std::size_t size);
 
 }  // namespace kr7host

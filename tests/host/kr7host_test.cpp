@@ -1,0 +1,385 @@
+// kr7host: image files and the plug-in's bitmap blocks, loading failures,
+// and capture sessions against the built plug-in and the virtual scanner.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kr7host/capture.h"
+#include "kr7host/image.h"
+#include "kr7host/plugin.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace kr7host;
+
+class Folder {
+public:
+    Folder() {
+        char pattern[] = "/tmp/kr7host_test_XXXXXX";
+        m_Path = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
+    }
+    ~Folder() {
+        std::error_code ignored;
+        fs::remove_all(m_Path, ignored);
+    }
+    std::string operator/(const std::string& name) const { return (m_Path / name).string(); }
+    std::string Path() const { return m_Path.string(); }
+
+private:
+    fs::path m_Path;
+};
+
+void Put32(std::vector<unsigned char>& bytes, std::size_t at, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i) {
+        bytes[at + static_cast<std::size_t>(i)] = static_cast<unsigned char>(value >> (8 * i));
+    }
+}
+
+// A block as the plug-in hands it out: info header, colour table, 8-bit
+// rows padded to 4 bytes, bottom-up unless `topDown`.
+std::vector<unsigned char> Block(
+    int width, int height, const std::function<int(int, int)>& pixel, bool topDown = false,
+    int ppm = 19684, const std::function<int(int)>& palette = [](int i) { return i; }) {
+    const std::size_t stride = (static_cast<std::size_t>(width) + 3) / 4 * 4;
+    std::vector<unsigned char> block(40 + 1024 + stride * static_cast<std::size_t>(height), 0);
+    Put32(block, 0, 40);
+    Put32(block, 4, static_cast<std::uint32_t>(width));
+    Put32(block, 8, static_cast<std::uint32_t>(topDown ? -height : height));
+    block[12] = 1;
+    block[14] = 8;
+    Put32(block, 24, static_cast<std::uint32_t>(ppm));
+    Put32(block, 28, static_cast<std::uint32_t>(ppm));
+    for (int i = 0; i < 256; ++i) {
+        const auto grey = static_cast<unsigned char>(palette(i));
+        std::memcpy(&block[40 + 4 * static_cast<std::size_t>(i)],
+                    std::vector<unsigned char>{grey, grey, grey, 0}.data(), 4);
+    }
+    for (int y = 0; y < height; ++y) {
+        const int stored = topDown ? y : height - 1 - y;
+        for (int x = 0; x < width; ++x) {
+            block[1064 + stride * static_cast<std::size_t>(stored) + static_cast<std::size_t>(x)] =
+                static_cast<unsigned char>(pixel(x, y));
+        }
+    }
+    return block;
+}
+
+int Gradient(int x, int y) {
+    return (x * 16 + y * 3) & 0xFF;
+}
+
+std::vector<unsigned char> Bytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<unsigned char>(std::istreambuf_iterator<char>(in),
+                                      std::istreambuf_iterator<char>());
+}
+
+void WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
+}
+
+// ---- images -------------------------------------------------------------------
+
+TEST(Images, BlocksReadTheRightWayUpThroughTheirColourTable) {
+    // 13 pixels wide: every row padded by 3 bytes.
+    for (const bool topDown : {false, true}) {
+        const std::vector<unsigned char> block = Block(13, 7, Gradient, topDown);
+        const BitmapView view(block.data(), block.size());
+        ASSERT_TRUE(view.Valid());
+        EXPECT_TRUE(view.GreyRamp());
+        EXPECT_EQ(500, view.Ppi());
+        const Image image(view);
+        ASSERT_EQ(13, image.width);
+        ASSERT_EQ(7, image.height);
+        for (int y = 0; y < 7; ++y) {
+            for (int x = 0; x < 13; ++x) {
+                EXPECT_EQ(Gradient(x, y), image.At(x, y))
+                    << x << "," << y << " top-down " << topDown;
+            }
+        }
+    }
+    // Another colour table maps every index; no resolution takes the fallback.
+    const std::vector<unsigned char> inverted =
+        Block(5, 2, Gradient, false, 0, [](int i) { return 255 - i; });
+    const BitmapView view(inverted.data());
+    EXPECT_FALSE(view.GreyRamp());
+    EXPECT_EQ(0, view.Ppi());
+    const Image image(view, kScannerPpi);
+    EXPECT_EQ(255 - Gradient(4, 1), image.At(4, 1));
+    EXPECT_EQ(kScannerPpi, image.ppi);
+}
+
+TEST(Images, FilesKeepPixelsOrientationAndScale) {
+    Folder folder;
+    Image image(13, 7, 0);
+    for (int y = 0; y < 7; ++y) {
+        for (int x = 0; x < 13; ++x) {
+            image.At(x, y) = static_cast<std::uint8_t>(Gradient(x, y));
+        }
+    }
+    for (const char* name : {"a.png", "a.bmp", "a.pgm", "A.PNG"}) {
+        // Without a resolution an image is written as the scanner's.
+        for (const int ppi : {0, 500, 1000}) {
+            SCOPED_TRACE(std::string(name) + " at " + std::to_string(ppi));
+            image.ppi = ppi;
+            WriteImage(image, folder / name);
+            const Image read = ReadImage(folder / name);
+            EXPECT_EQ(image.width, read.width);
+            EXPECT_EQ(image.height, read.height);
+            EXPECT_EQ(image.pixels, read.pixels);
+            const bool scaled = FormatOf(name) != Format::Pgm;
+            EXPECT_EQ(scaled ? (ppi == 0 ? 500 : ppi) : 0, read.ppi);
+        }
+    }
+    // The BMP file is the plug-in's block behind a file header.
+    image.ppi = 500;
+    WriteBmp(image, folder / "b.bmp");
+    const std::vector<unsigned char> file = Bytes(folder / "b.bmp");
+    const std::vector<unsigned char> block = Block(13, 7, Gradient, false, 19685);
+    ASSERT_EQ(14 + block.size(), file.size());
+    EXPECT_EQ(0x36 + 1024, file[10] | file[11] << 8);
+    EXPECT_TRUE(std::equal(block.begin() + 40, block.end(), file.begin() + 54));
+}
+
+TEST(Images, MalformedBlocksAndFilesAreRefused) {
+    const std::vector<unsigned char> good = Block(9, 4, Gradient);
+    const struct {
+        const char* what;
+        std::size_t at;
+        std::uint32_t value;
+    } corruptions[] = {
+        {"header size", 0, 41},    {"24 bits", 14, 24},       {"compressed", 16, 1},
+        {"no width", 4, 0},        {"too wide", 4, 16385},    {"no height", 8, 0},
+        {"too high", 8, 0x10000u}, {"colour table", 32, 257},
+    };
+    for (const auto& corruption : corruptions) {
+        std::vector<unsigned char> block = good;
+        Put32(block, corruption.at, corruption.value);
+        if (corruption.at == 14) {
+            block[14] = static_cast<unsigned char>(corruption.value);
+        }
+        EXPECT_FALSE(BitmapView(block.data(), block.size()).Valid()) << corruption.what;
+    }
+    EXPECT_FALSE(BitmapView(good.data(), good.size() - 1).Valid()) << "one byte short";
+    EXPECT_FALSE(BitmapView(nullptr).Valid());
+    EXPECT_TRUE(Image(BitmapView(good.data(), good.size() - 1)).Empty());
+
+    std::vector<unsigned char> bmp = {'B', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 54, 4, 0, 0};
+    bmp.insert(bmp.end(), good.begin(), good.end());
+    EXPECT_FALSE(ParseBmp(bmp.data(), bmp.size()).Empty());
+    EXPECT_TRUE(ParseBmp(bmp.data(), bmp.size() - 1).Empty()) << "truncated";
+    bmp[10] = 60;
+    EXPECT_TRUE(ParseBmp(bmp.data(), bmp.size()).Empty()) << "rows elsewhere";
+    bmp[0] = 'P';
+    EXPECT_TRUE(ParseBmp(bmp.data(), bmp.size()).Empty()) << "no BMP";
+
+    for (const std::string& pgm :
+         {std::string("P5 2 2 255\n1234"), std::string("P5\n# c\n2 2\n255 1234")}) {
+        EXPECT_FALSE(
+            ParsePgm(reinterpret_cast<const unsigned char*>(pgm.data()), pgm.size()).Empty())
+            << pgm;
+    }
+    for (const std::string& pgm :
+         {std::string("P5 2 2 255\n123"), std::string("P5 2 2 65535\n12345678"),
+          std::string("P2 2 2 255\n1 2 3 4"), std::string("P5 0 2 255\n"),
+          std::string("P5 2 2 255")}) {
+        EXPECT_TRUE(
+            ParsePgm(reinterpret_cast<const unsigned char*>(pgm.data()), pgm.size()).Empty())
+            << pgm;
+    }
+}
+
+TEST(Images, FileFailuresNameTheFileAndTheReason) {
+    Folder folder;
+    const auto failure = [](const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const std::runtime_error& e) {
+            return std::string(e.what());
+        }
+        return std::string("no failure");
+    };
+    const Image image(4, 4, 128);
+    EXPECT_EQ("cannot write " + folder / "none/x.png" + ": No such file or directory",
+              failure([&] { WriteImage(image, folder / "none/x.png"); }));
+    EXPECT_EQ("cannot write " + folder / "x.png" + ": empty image",
+              failure([&] { WriteImage(Image(), folder / "x.png"); }));
+    EXPECT_EQ("cannot write " + folder / "x.jpg" + ": unknown format (use .png, .bmp or .pgm)",
+              failure([&] { WriteImage(image, folder / "x.jpg"); }));
+    EXPECT_EQ("cannot read " + folder / "x.bmp" + ": No such file or directory",
+              failure([&] { ReadImage(folder / "x.bmp"); }));
+    WriteBytes(folder / "junk.png", {'n', 'o', 't', ' ', 'p', 'n', 'g'});
+    EXPECT_EQ(0u, failure([&] {
+                      ReadImage(folder / "junk.png");
+                  }).find("cannot read " + folder / "junk.png" + ": "));
+}
+
+// ---- loading -------------------------------------------------------------------
+
+LoadError::Kind LoadFails(const Options& options, std::string& file, std::string& reason) {
+    try {
+        Library library(options);
+    } catch (const LoadError& e) {
+        file = e.File();
+        reason = e.Reason();
+        return e.What();
+    }
+    ADD_FAILURE() << "loaded";
+    return LoadError::Kind::Plugin;
+}
+
+TEST(Loading, FilesThatCannotServeAreNamedWithTheReason) {
+    Folder folder;
+    std::string file, reason;
+    Options options;
+    options.plugin = folder / "libnothing.so.1";
+    EXPECT_EQ(LoadError::Kind::Plugin, LoadFails(options, file, reason));
+    EXPECT_EQ(options.plugin, file);
+    EXPECT_NE(std::string::npos, reason.find("No such file")) << reason;
+
+    options.plugin = std::string(KR7_SIM_LIB) + "/libnorvaklf.so";
+    EXPECT_EQ(LoadError::Kind::NotAPlugin, LoadFails(options, file, reason));
+    EXPECT_EQ(options.plugin, file);
+
+    // The virtual scanner's folder without its stand-ins.
+    options.plugin = KR7_PLUGIN_PATH;
+    options.virtualScanner = true;
+    options.simFolder = folder.Path();
+    EXPECT_EQ(LoadError::Kind::VirtualScanner, LoadFails(options, file, reason));
+    EXPECT_EQ(folder / "libnorvaklf.so", file);
+}
+
+// ---- capture sessions ------------------------------------------------------------
+
+class Session : public ::testing::Test {
+protected:
+    static Options Virtual() {
+        Options options;
+        options.plugin = KR7_PLUGIN_PATH;
+        options.virtualScanner = true;
+        options.simFolder = KR7_SIM_LIB;
+        return options;
+    }
+    Plugin plugin{Virtual()};
+};
+
+template <class Done>
+bool Eventually(Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
+}
+
+TEST_F(Session, SlowReaderLosesOldestLiveFramesNeverResults) {
+    Capture capture(plugin, {1, vc::eCapturePlainFinger, 3});
+    EXPECT_EQ(0u, capture.Start(5));
+    // Nobody reads while the scanner delivers a few placements.
+    ASSERT_TRUE(Eventually([&] { return capture.Totals().results >= 3; }));
+    capture.Stop();
+    std::vector<Event> events;
+    while (std::optional<Event> event = capture.Next(std::chrono::milliseconds(0))) {
+        events.push_back(std::move(*event));
+    }
+    const Counts counts = capture.Totals();
+    std::vector<std::int64_t> frames;
+    long results = 0;
+    for (const Event& event : events) {
+        EXPECT_EQ(5, event.handle);
+        if (event.kind == Kind::Image) {
+            frames.push_back(event.frame);
+            EXPECT_EQ(kScannerPpi, event.image.ppi);
+        }
+        results += event.kind == Kind::Result ? 1 : 0;
+    }
+    ASSERT_EQ(3u, frames.size());
+    EXPECT_EQ(counts.images - 3, counts.dropped);
+    // The newest frames stay, in order.
+    EXPECT_EQ(counts.images - 1, frames.back());
+    EXPECT_TRUE(std::is_sorted(frames.begin(), frames.end()));
+    EXPECT_EQ(counts.results, results);
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(Kind::Start, events.front().kind);
+    EXPECT_EQ(Kind::Stop, events.back().kind);
+    EXPECT_EQ(0, counts.strays);
+    EXPECT_EQ(0, counts.late);
+}
+
+TEST_F(Session, HandlerHasTheLentImageOnTheWorkerAndMayStopIt) {
+    const std::thread::id host = std::this_thread::get_id();
+    std::atomic<int> images{0}, elsewhere{0}, invalid{0};
+    Capture* self = nullptr;
+    Capture capture(plugin, {1, vc::eCaptureLive, 4}, [&](const Delivery& delivery) {
+        elsewhere += std::this_thread::get_id() != host ? 1 : 0;
+        if (delivery.kind == Kind::Image) {
+            invalid += delivery.image.Valid() && delivery.image.Width() > 100 ? 0 : 1;
+            if (++images == 3) {
+                self->Stop();  // only asks the capture to end
+            }
+        }
+    });
+    self = &capture;
+    capture.Start();
+    ASSERT_TRUE(Eventually([&] { return capture.Stopped(); }));
+    capture.Stop();
+    const Counts counts = capture.Totals();
+    EXPECT_EQ(3, images.load());
+    EXPECT_EQ(0, invalid.load());
+    EXPECT_EQ(counts.starts + counts.stops + counts.images, elsewhere.load());
+    EXPECT_EQ(1, counts.stops);
+    EXPECT_EQ(0, counts.late);
+    EXPECT_EQ(0, counts.dropped);
+    // And the channel captures again.
+    capture.Start();
+    ASSERT_TRUE(Eventually([&] { return images.load() > 3; }));
+}
+
+TEST_F(Session, ThePluginsAnswersAsValues) {
+    const std::vector<vc::DeviceInfo> devices = plugin.Devices();
+    ASSERT_EQ(1u, devices.size());
+    EXPECT_EQ(0u, plugin.ActiveDevice());
+    EXPECT_EQ(5u, plugin.Info().size());
+    EXPECT_EQ(std::vector<vc::eCameraIDs>{vc::eCameraKR7}, plugin.Cameras());
+    EXPECT_EQ(2u, plugin.CaptureModes().size());
+    const Image image = plugin.Snap();
+    EXPECT_GT(image.width, 100);
+    EXPECT_EQ(kScannerPpi, image.ppi);
+    plugin.SetProperty(vc::ePropRedLED, 100);
+    EXPECT_EQ(100u, plugin.Property(vc::ePropRedLED));
+    try {
+        plugin.Property(static_cast<vc::ePropertyIDs>(99));
+        ADD_FAILURE() << "property 99 read";
+    } catch (const Error& e) {
+        EXPECT_EQ(vc::FGERR_PROPERTY_NOT_SUPPORTED, e.Number());
+        EXPECT_EQ(
+            "GetFGProperty failed: error 12 (0x1000000c): Incorrect property or frame "
+            "grabber does not support",
+            std::string(e.what()));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The virtual scanner's platen: a finger placed, held and lifted, again
+    // and again, at full speed.
+    setenv("KR7SIM_SCENARIO", "empty 0.2s; place; hold 0.6s; lift 0.3s; repeat", 1);
+    unsetenv("KR7SIM_REALTIME");
+    unsetenv("KR7SIM_UNITS");
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
