@@ -27,6 +27,11 @@ thread_local const void* t_pInside = nullptr;
 
 }  // namespace
 
+// The count of each kind of callback, in the order of Kind.
+std::atomic<long> Capture::AtomicCounts::*const Capture::kCounter[6] = {
+    &AtomicCounts::starts, &AtomicCounts::images,   &AtomicCounts::results,
+    &AtomicCounts::errors, &AtomicCounts::warnings, &AtomicCounts::stops};
+
 // Entry and exit of every callback: finds the capture, counts the callback
 // as under way (Stop and the destructor wait for it) and checks it.
 class Capture::Visit {
@@ -167,91 +172,59 @@ std::optional<Event> Capture::Next(std::chrono::milliseconds timeout) {
 
 // ---- the callbacks ------------------------------------------------------------
 
-void Capture::OnImage(int handle, unsigned int tag, unsigned char* image, void* user) {
+template <class Fill>
+void Capture::Arrive(void* user, Kind kind, int handle, unsigned int tag, Fill fill) {
     Visit visit(user, handle, tag);
     Capture* self = visit.Target();
     if (self == nullptr) {
         return;
     }
     Delivery delivery;
-    delivery.kind = Kind::Image;
+    delivery.kind = kind;
     delivery.handle = handle;
     delivery.tag = tag;
-    delivery.frame = self->m_nFrame.fetch_add(1);
-    delivery.image = BitmapView(image);
-    self->m_Counts.images.fetch_add(1);
+    fill(*self, delivery);
+    self->m_Counts.*kCounter[static_cast<int>(kind)] += 1;
     self->Deliver(delivery);
+    if (kind == Kind::Stop) {
+        self->m_bStopped.store(true);
+    }
+}
+
+void Capture::OnImage(int handle, unsigned int tag, unsigned char* image, void* user) {
+    Arrive(user, Kind::Image, handle, tag, [image](Capture& self, Delivery& delivery) {
+        delivery.frame = self.m_nFrame.fetch_add(1);
+        delivery.image = BitmapView(image);
+    });
 }
 
 void Capture::OnResult(int handle, unsigned int tag, int result, unsigned char* image, void* user) {
-    Visit visit(user, handle, tag);
-    Capture* self = visit.Target();
-    if (self == nullptr) {
-        return;
-    }
-    Delivery delivery;
-    delivery.kind = Kind::Result;
-    delivery.handle = handle;
-    delivery.tag = tag;
-    delivery.result = result;
-    delivery.frame = self->m_nFrame.load() - 1;
-    delivery.image = BitmapView(image);
-    if (result != self->m_Options.mode) {
-        self->m_Counts.strays.fetch_add(1);
-    }
-    self->m_Counts.results.fetch_add(1);
-    self->Deliver(delivery);
+    Arrive(user, Kind::Result, handle, tag, [result, image](Capture& self, Delivery& delivery) {
+        delivery.result = result;
+        delivery.frame = self.m_nFrame.load() - 1;
+        delivery.image = BitmapView(image);
+        if (result != self.m_Options.mode) {
+            self.m_Counts.strays.fetch_add(1);
+        }
+    });
 }
 
 void Capture::OnError(int handle, unsigned int tag, const char* text, void* user) {
-    Visit visit(user, handle, tag);
-    if (Capture* self = visit.Target()) {
-        self->m_Counts.errors.fetch_add(1);
-        Delivery delivery;
-        delivery.kind = Kind::Error;
-        delivery.handle = handle;
-        delivery.tag = tag;
-        delivery.text = text;
-        self->Deliver(delivery);
-    }
+    Arrive(user, Kind::Error, handle, tag,
+           [text](Capture&, Delivery& delivery) { delivery.text = text; });
 }
 
 void Capture::OnWarning(int handle, unsigned int tag, const char* text, void* user) {
-    Visit visit(user, handle, tag);
-    if (Capture* self = visit.Target()) {
-        self->m_Counts.warnings.fetch_add(1);
-        Delivery delivery;
-        delivery.kind = Kind::Warning;
-        delivery.handle = handle;
-        delivery.tag = tag;
-        delivery.text = text;
-        self->Deliver(delivery);
-    }
+    Arrive(user, Kind::Warning, handle, tag,
+           [text](Capture&, Delivery& delivery) { delivery.text = text; });
 }
 
 void Capture::OnStart(int handle, unsigned int tag, void* user) {
-    Visit visit(user, handle, tag);
-    if (Capture* self = visit.Target()) {
-        self->m_Counts.starts.fetch_add(1);
-        Delivery delivery;
-        delivery.kind = Kind::Start;
-        delivery.handle = handle;
-        delivery.tag = tag;
-        self->Deliver(delivery);
-    }
+    Arrive(user, Kind::Start, handle, tag, [](Capture&, Delivery&) {});
 }
 
 void Capture::OnStop(int handle, unsigned int tag, void* user) {
-    Visit visit(user, handle, tag);
-    if (Capture* self = visit.Target()) {
-        self->m_Counts.stops.fetch_add(1);
-        Delivery delivery;
-        delivery.kind = Kind::Stop;
-        delivery.handle = handle;
-        delivery.tag = tag;
-        self->Deliver(delivery);
-        self->m_bStopped.store(true);
-    }
+    Arrive(user, Kind::Stop, handle, tag, [](Capture&, Delivery&) {});
 }
 
 void Capture::Deliver(const Delivery& delivery) {

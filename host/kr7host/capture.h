@@ -119,6 +119,10 @@ private:
     static void OnStart(int handle, unsigned int tag, void* user);
     static void OnStop(int handle, unsigned int tag, void* user);
 
+    // Every callback: finds the capture, lets `fill` complete what it
+    // delivers, counts it and hands it on.
+    template <class Fill>
+    static void Arrive(void* user, Kind kind, int handle, unsigned int tag, Fill fill);
     void Deliver(const Delivery& delivery);
     void Queue(const Delivery& delivery);
 
@@ -136,6 +140,7 @@ private:
         std::atomic<long> starts{0}, stops{0}, images{0}, results{0}, errors{0}, warnings{0},
             dropped{0}, strays{0}, late{0};
     } m_Counts;
+    static std::atomic<long> AtomicCounts::*const kCounter[6];
 
     mutable std::mutex m_QueueMutex;
     std::condition_variable m_QueueChanged;
