@@ -130,6 +130,23 @@ Library::Library(const Options& options)
     }
 }
 
+vc::ClFramegrabber* Library::GetFrameGrabber() const {
+    if (m_fpGet == nullptr) {
+        throw std::logic_error("GetFrameGrabber of a closed library");
+    }
+    return m_fpGet();
+}
+
+void Library::DestroyFrameGrabber() const {
+    if (m_fpDestroy != nullptr) {
+        m_fpDestroy();
+    }
+}
+
+vc::ClFramegrabber* Library::Current() const {
+    return m_ppObject != nullptr ? *m_ppObject : nullptr;
+}
+
 Library::~Library() {
     try {
         Close();

@@ -58,11 +58,13 @@ public:
     const std::string& File() const { return m_strFile; }
     bool Virtual() const { return m_bVirtual; }
 
-    // The entry points. GetFrameGrabber passes on what the plug-in throws.
-    vc::ClFramegrabber* GetFrameGrabber() const { return m_fpGet(); }
-    void DestroyFrameGrabber() const { m_fpDestroy(); }
-    // The exported object pointer (null once DestroyFrameGrabber has run).
-    vc::ClFramegrabber* Current() const { return *m_ppObject; }
+    // The entry points. GetFrameGrabber passes on what the plug-in throws,
+    // and throws std::logic_error once the library is closed.
+    vc::ClFramegrabber* GetFrameGrabber() const;
+    void DestroyFrameGrabber() const;
+    // The exported object pointer: null once DestroyFrameGrabber has run,
+    // and once the library is closed.
+    vc::ClFramegrabber* Current() const;
 
     // Unloads everything now; throws std::runtime_error when dlclose fails.
     // The entry points are gone afterwards.
