@@ -21,8 +21,8 @@ namespace vc {
 using Nvk::utilities::ClSimpleBitmap;
 using Nvk::utilities::Log;
 
+Nvk::CXMutex ClNorvakKR7SDK::m_cCBMutex;
 ClNorvakKR7SDK* ClNorvakKR7SDK::m_pCBData = nullptr;
-std::mutex ClNorvakKR7SDK::m_cCBMutex;
 
 namespace {
 
@@ -61,14 +61,14 @@ ClNorvakKR7SDK::ClNorvakKR7SDK(void* owner)
       m_pOwner(owner) {
     m_vChannels.front().SetChannelIndex(1);
     RegisterLFCallbacks();
-    std::lock_guard<std::mutex> lock(m_cCBMutex);
+    Nvk::CXLock lock(m_cCBMutex);
     m_pCBData = this;
 }
 
 ClNorvakKR7SDK::~ClNorvakKR7SDK() {
     StopChannelsForTeardown();
     UnregisterLFCallbacks();
-    std::lock_guard<std::mutex> lock(m_cCBMutex);
+    Nvk::CXLock lock(m_cCBMutex);
     if (m_pCBData == this) {
         m_pCBData = nullptr;
     }
@@ -83,7 +83,7 @@ void ClNorvakKR7SDK::StopChannelsForTeardown() {
 // ---- the device lock ----------------------------------------------------
 
 bool ClNorvakKR7SDK::Lock() {
-    m_DeviceMutex.lock();
+    m_DeviceMutex.Lock();
     if (m_nLockDepth++ == 0) {
         m_LockOwner.store(std::this_thread::get_id());
     }
@@ -97,7 +97,7 @@ void ClNorvakKR7SDK::UnLock() {
         m_bFakeFingerPending = false;
         m_LockOwner.store(std::thread::id());
     }
-    m_DeviceMutex.unlock();
+    m_DeviceMutex.Unlock();
     if (deliver) {
         m_pEvents->Fire(m_nCurrentChannel.load(), eKR7EventFakeFinger);
     }
@@ -105,6 +105,11 @@ void ClNorvakKR7SDK::UnLock() {
 
 bool ClNorvakKR7SDK::HoldsDeviceLock() const {
     return m_LockOwner.load() == std::this_thread::get_id();
+}
+
+bool ClNorvakKR7SDK::IsScannerInitialized() {
+    CXDeviceLock lock(*this);
+    return m_bScannerInitialized;
 }
 
 // ---- scanner lifecycle --------------------------------------------------
