@@ -277,12 +277,6 @@ bool ClFrameGrabberChannel::IsCurrentThread() const {
     return pthread_equal(m_OwnerThread.load(), pthread_self()) != 0;
 }
 
-bool ClFrameGrabberChannel::CheckCameraSet() const {
-    Nvk::CXLock lock(m_SettingsMutex);
-    return m_Camera.m_eCameraID != 0 || m_Camera.m_nWidth != 0 || m_Camera.m_nHeight != 0 ||
-           m_Camera.X() != 0 || m_Camera.Y() != 0;
-}
-
 void ClFrameGrabberChannel::SetSDKData(ClFrameGrabberChannelSDKData* data) {
     if (data == m_pSDKData.get()) {
         return;
@@ -300,22 +294,6 @@ bool ClFrameGrabberChannel::DoDetect(Nvk::utilities::ClSimpleBitmap& image,
                                      Nvk::utilities::ClSimpleBitmap& result) {
     Nvk::CXLock lock(m_DetectionMutex);
     return m_pDetection ? m_pDetection->Detect(image, result) : false;
-}
-
-ClVCCamera ClFrameGrabberChannel::GetCamera() const {
-    Nvk::CXLock lock(m_SettingsMutex);
-    return m_Camera;
-}
-
-ClImageResolution ClFrameGrabberChannel::GetResolution() const {
-    Nvk::CXLock lock(m_SettingsMutex);
-    return m_Resolution;
-}
-
-void ClFrameGrabberChannel::GetAspectRatio(double& x, double& y) const {
-    Nvk::CXLock lock(m_SettingsMutex);
-    x = m_dAspectRatioX;
-    y = m_dAspectRatioY;
 }
 
 bool ClFrameGrabberChannel::DoImageProcessing() const {

@@ -138,10 +138,8 @@ public:
 
     void SetCurrentThread();
     bool IsCurrentThread() const;
-    bool CheckCameraSet() const EXCLUDES(m_SettingsMutex);
     // Takes ownership; the previous data is deleted first.
     void SetSDKData(ClFrameGrabberChannelSDKData* data);
-    ClFrameGrabberChannelSDKData* GetSDKData() const { return m_pSDKData.get(); }
     // The detector's type; live (0) while the channel has no detector.
     eCaptureModeIDs GetCaptureMode() const EXCLUDES(m_DetectionMutex);
 
@@ -151,16 +149,11 @@ public:
     bool IsRunning() const { return m_bRunning.load(); }
     // Paused: the worker idles without touching the device (Freeze).
     void SetPaused(bool paused) { m_bPaused.store(paused); }
-    bool IsPaused() const { return m_bPaused.load(); }
     // In preview capture, asks the worker for one triggered image.
     void RequestTrigger() { m_bTriggerRequested.store(true); }
     bool IsTriggerRequested() const { return m_bTriggerRequested.load(); }
     int GetCaptureID() const { return m_nCaptureID.load(); }
     eFilterIDs GetFilter() const { return m_eFilter.load(); }
-    eColorModeIDs GetColorMode() const { return m_eColorMode.load(); }
-    ClVCCamera GetCamera() const EXCLUDES(m_SettingsMutex);
-    ClImageResolution GetResolution() const EXCLUDES(m_SettingsMutex);
-    void GetAspectRatio(double& x, double& y) const EXCLUDES(m_SettingsMutex);
 
     // The device SDK shared by all channels; set by the device SDK when it
     // starts a capture, never owned by a channel.

@@ -53,12 +53,11 @@ public:
 
 // ---- construction -------------------------------------------------------
 
-ClNorvakKR7SDK::ClNorvakKR7SDK(void* owner)
+ClNorvakKR7SDK::ClNorvakKR7SDK(void*)
     : m_pScanner(new ClFutronicBaseSDK()),
       m_pSetting(new CXSetting()),
       m_pEvents(new ClXEvents()),
-      m_vChannels(1),
-      m_pOwner(owner) {
+      m_vChannels(1) {
     m_vChannels.front().SetChannelIndex(1);
     RegisterLFCallbacks();
     Nvk::CXLock lock(m_cCBMutex);
@@ -318,20 +317,6 @@ void ClNorvakKR7SDK::GetLiveBitmap(ClFrameGrabberChannel& channel, ClSimpleBitma
     }
 }
 
-void ClNorvakKR7SDK::GetRowLiveBitmap(ClSimpleBitmap& bitmap) {
-    CXDeviceLock lock(*this);
-    Log(7, "QV2 scanner. The calibration isn't initializeted.");
-    if (bitmap.Empty() || bitmap.BitCount() != 8) {
-        return;  // nothing to take the frame into
-    }
-    if (m_pScanner->GetImageByDose(bitmap.Pixel(),
-                                   static_cast<int>(m_pSetting->m_nContaminationDose))) {
-        PrepareImage(bitmap);
-    } else if (CheckScannerError(m_pScanner->GetLastError())) {
-        bitmap.SetWhite();
-    }
-}
-
 void ClNorvakKR7SDK::PrepareImage(ClSimpleBitmap& bitmap) {
     Log(7, "QV2 scanner. Calling PrepareImage function");
     if (bitmap.Empty() || bitmap.BitCount() != 8 || bitmap.Width() <= 0 || bitmap.Height() <= 0) {
@@ -379,25 +364,6 @@ void ClNorvakKR7SDK::PrepareImage(ClSimpleBitmap& bitmap) {
             middle[x] = static_cast<unsigned char>(255 - middle[x]);
         }
     }
-}
-
-void ClNorvakKR7SDK::CreateBitmap(ClSimpleBitmap& bitmap, long width, long height,
-                                  const unsigned char* data, unsigned long size) {
-    Log(7, "QVC scanner. Running without calibration");
-    bitmap.Create(width, height, 8);
-    const unsigned long room = static_cast<unsigned long>(bitmap.PixelSize());
-    if (data != nullptr) {
-        std::memcpy(bitmap.Pixel(), data, size < room ? size : room);
-    }
-    bitmap.SetWhite();
-}
-
-void ClNorvakKR7SDK::SnapRefImage(ClSimpleBitmap& bitmap) {
-    CXDeviceLock lock(*this);
-    const FTRSCAN_IMAGE_SIZE size = ReadImageSize();
-    bitmap.Create(size.nWidth, size.nHeight, 8);
-    bitmap.SetResolution(500, 500);
-    FuzzyImage(bitmap.Pixel());
 }
 
 void ClNorvakKR7SDK::Snap(unsigned int ch, unsigned char** image) {

@@ -44,7 +44,8 @@ public:
     // The settings file the scanner's first initialisation reads.
     static constexpr const char* kSettingsPath = "/etc/norvakkr7.cfg";
 
-    // Builds the parts; touches no device. `owner` is kept for the channels.
+    // Builds the parts; touches no device. `owner` (the host's context) is
+    // not used.
     explicit ClNorvakKR7SDK(void* owner);
     // Stops every channel, then releases the scanner and the calibration.
     ~ClNorvakKR7SDK() override;
@@ -76,15 +77,8 @@ public:
     // ---- frames -----------------------------------------------------------
     // Raw frame at the contamination dose into `buffer`.
     void FuzzyImage(unsigned char* buffer) REQUIRES(m_DeviceMutex);
-    // A frame turned and inverted but not calibrated.
-    void GetRowLiveBitmap(Nvk::utilities::ClSimpleBitmap& bitmap);
     // Turns an 8-bit image upside down and inverts it, in one pass.
     static void PrepareImage(Nvk::utilities::ClSimpleBitmap& bitmap);
-    // An 8-bit width × height bitmap holding `size` bytes of `data`, white.
-    static void CreateBitmap(Nvk::utilities::ClSimpleBitmap& bitmap, long width, long height,
-                             const unsigned char* data, unsigned long size);
-    // A raw backlight-dose frame at the native size, 500 dpi.
-    void SnapRefImage(Nvk::utilities::ClSimpleBitmap& bitmap);
     // One calibrated frame on `ch` after stopping its capture; the block
     // goes to `*image`, to be freed with delete[].
     void Snap(unsigned int ch, unsigned char** image);
@@ -133,11 +127,7 @@ public:
     // ---- state, for tests and the logging library's callback -------------
     ClFutronicBaseSDK& Scanner() REQUIRES(m_DeviceMutex) { return *m_pScanner; }
     bool IsScannerInitialized();
-    CXSetting& Settings() REQUIRES(m_DeviceMutex) { return *m_pSetting; }
     CXCalibration* Calibration() REQUIRES(m_DeviceMutex) { return m_pCalibration.get(); }
-    unsigned int ActiveChannel() const { return m_nActiveChannel.load(); }
-    std::size_t ChannelCount() const { return m_vChannels.size(); }
-    void* Owner() const { return m_pOwner; }
 
     // The SDK whose scanner CBLoggingFacility works on, and its lock.
     static Nvk::CXMutex m_cCBMutex;
@@ -153,8 +143,6 @@ protected:
 private:
     friend class CXDeviceLock;
 
-    // Shapes the channel's bitmap: raw bitmap, calibrated size, buffer.
-    void PrepareChannel(ClFrameGrabberChannel& channel, Nvk::utilities::ClSimpleBitmap& bitmap);
     void ApplyFakeFingerOption() REQUIRES(m_DeviceMutex);
     // A scanner call failed with the API's last error `code`. A
     // disconnection is handled as in a capture (CheckScannerError): the
@@ -203,7 +191,6 @@ private:
     // made in the constructor and never resized.
     std::unique_ptr<ClXEvents> m_pEvents;
     std::vector<ClNorvakKR7Channel> m_vChannels;
-    void* m_pOwner = nullptr;
     // Unguarded atomics: written under the device lock, except that
     // StopCapture forgets the active channel without it.
     std::atomic<unsigned int> m_nActiveChannel{kNoChannel};
