@@ -2,18 +2,9 @@
 // frame, runs the image pipeline and the finger detector and hands images,
 // results, errors and warnings to the host's callbacks.
 //
-// Threads. Host threads call StartCapture, StopCapture and the setters,
-// several at once if they like; the worker runs Work() and makes every host
-// callback. What they share is race-free: flags and scalar settings are
-// atomics, the camera, resolution and aspect ratio (read together when the
-// chain is rebuilt) sit under the channel mutex, and the capture id,
-// callbacks and context are atomics written only while no worker runs.
-// Starts and stops of one channel take turns: a second host thread waits
-// until the first has created or joined the worker (no lock is held while
-// it joins). The detector is used and replaced under a mutex of its own;
-// the processor chain and its buffers belong to the worker while one
-// exists, so a host thread's change of the chain then only marks it for
-// rebuilding at the next frame. No lock is held while a host callback runs.
+// Threads, locks and their order, which callback comes on which thread and
+// the road of a frame: docs/threads.md. No lock is held while a worker is
+// joined or a host callback runs.
 #pragma once
 
 #include <pthread.h>

@@ -8,7 +8,7 @@
 // operation that touches the scanner or the calibration exclude each other
 // (a host call may wait up to one frame). It is never held while a worker is
 // joined or a host callback runs: a device event raised under the lock is
-// delivered after the outermost UnLock.
+// delivered after the outermost UnLock. See docs/threads.md.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,6 @@
 // The plug-in's one mutex type, its scoped lock and condition, annotated for
 // Clang's thread-safety analysis (-Wthread-safety, on in the clang preset).
+// The threads, the locks and their order are described in docs/threads.md.
 //
 // Annotate what a lock guards where it is declared:
 //   int m_nValue GUARDED_BY(m_Mutex);           // read and written under it
