@@ -31,23 +31,18 @@
 //     DestroyFrameGrabber. Never release it with free or delete.
 //
 // Threads. The host may call the operations from any of its threads, also
-// from several at once and from inside a callback, with these exceptions:
-// StartCapture from inside a callback of the same channel fails, and
-// StopCapture there only asks that capture to end (its worker is joined by
-// the channel's next StartCapture or StopCapture from another thread). Call
-// Uninitialize and DestroyFrameGrabber from a host thread, never from a
-// callback.
-// A capturing channel has a worker thread of its own, and all of that
-// channel's callbacks come on it, one at a time: start, image, result,
-// error, warning and stop. The event callback (EnableEvents, a fake finger)
-// comes on the thread that took the frame that showed it: the channel's
-// worker during a capture, the host's own thread inside GetImage. No
-// callback is made while the plug-in holds the scanner, so a callback may
-// call the plug-in, and a slow callback delays that channel's next frame.
-// StartCapture and StopCapture of one channel from two threads at once take
-// turns: the second waits until the first has started or joined the worker.
-// SetCallbacks may be called from inside the start or stop callback; a
-// callback already under way finishes with the pointer it was called through.
+// from several at once. A capturing channel has a worker thread of its own,
+// and all of that channel's callbacks come on it, one at a time: start,
+// image, result, error, warning and stop. The event callback (EnableEvents,
+// a fake finger) comes on the thread that took the frame that showed it:
+// the channel's worker during a capture, the host's own thread inside
+// GetImage. No lock is held while a callback runs, so a callback may call
+// the plug-in (a slow one delays that channel's next frame), with these
+// exceptions: StartCapture of its own channel fails; StopCapture there only
+// asks the capture to end (the worker is joined by the channel's next
+// StartCapture or StopCapture from another thread); Uninitialize and
+// DestroyFrameGrabber never. The plug-in's threads and locks are described
+// in docs/threads.md of its source repository.
 //
 // Calls out of order and values out of range. An operation before
 // Initizalize works, only without logging; Initizalize a second time changes

@@ -14,21 +14,6 @@ std::atomic<ClFramegrabberSDK*> ClFrameGrabberChannel::m_pFramegrabberSDK{nullpt
 
 namespace {
 
-// A mutex with default attributes; a failure becomes the system exception
-// carrying the error number.
-void InitMutex(pthread_mutex_t& mutex) {
-    pthread_mutexattr_t attributes;
-    int rc = pthread_mutexattr_init(&attributes);
-    if (rc != 0) {
-        throw Nvk::CXSystemException(rc);
-    }
-    rc = pthread_mutex_init(&mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
-    if (rc != 0) {
-        throw Nvk::CXSystemException(rc);
-    }
-}
-
 // Runs `work` under the device lock. The lock is released on every way
 // out; when `work` throws, before the exception goes on (an UnLock that
 // throws then replaces it).
@@ -48,48 +33,46 @@ void UnderDeviceLock(ClFramegrabberSDK& sdk, Work&& work) {
 
 // ---- CXCallbacks ----------------------------------------------------------
 
-ClFrameGrabberChannel::CXCallbacks::CXCallbacks() {
-    InitMutex(m_Mutex);
-}
+ClFrameGrabberChannel::CXCallbacks::CXCallbacks() = default;
 
 ClFrameGrabberChannel::CXCallbacks::CXCallbacks(const CXCallbacks& other) {
-    InitMutex(m_Mutex);
-    pthread_mutex_lock(&other.m_Mutex);
+    Nvk::CXLock lock(other.m_Mutex);
     m_fpStart = other.m_fpStart;
     m_fpStop = other.m_fpStop;
-    pthread_mutex_unlock(&other.m_Mutex);
 }
 
 ClFrameGrabberChannel::CXCallbacks& ClFrameGrabberChannel::CXCallbacks::operator=(
     const CXCallbacks& other) {
     if (this != &other) {
-        pthread_mutex_lock(&other.m_Mutex);
-        FGStartCallback start = other.m_fpStart;
-        FGStopCallback stop = other.m_fpStop;
-        pthread_mutex_unlock(&other.m_Mutex);
+        FGStartCallback start;
+        FGStopCallback stop;
+        {
+            Nvk::CXLock lock(other.m_Mutex);
+            start = other.m_fpStart;
+            stop = other.m_fpStop;
+        }
         Set(start, stop);
     }
     return *this;
 }
 
-ClFrameGrabberChannel::CXCallbacks::~CXCallbacks() {
-    pthread_mutex_destroy(&m_Mutex);
-}
+ClFrameGrabberChannel::CXCallbacks::~CXCallbacks() = default;
 
 void ClFrameGrabberChannel::CXCallbacks::Set(FGStartCallback start, FGStopCallback stop) {
-    pthread_mutex_lock(&m_Mutex);
+    Nvk::CXLock lock(m_Mutex);
     m_fpStart = start;
     m_fpStop = stop;
-    pthread_mutex_unlock(&m_Mutex);
 }
 
 void ClFrameGrabberChannel::CXCallbacks::Call(FGStartCallback CXCallbacks::*which, int captureId,
                                               unsigned int channelIndex, void* context) {
     // Not called under the mutex: the host may set the callbacks from
     // inside this one.
-    pthread_mutex_lock(&m_Mutex);
-    const FGStartCallback callback = this->*which;
-    pthread_mutex_unlock(&m_Mutex);
+    FGStartCallback callback;
+    {
+        Nvk::CXLock lock(m_Mutex);
+        callback = this->*which;
+    }
     if (callback != nullptr) {
         callback(captureId, channelIndex, context);
     }
@@ -107,13 +90,10 @@ void ClFrameGrabberChannel::CXCallbacks::OnStop(int captureId, unsigned int chan
 
 // ---- construction ---------------------------------------------------------
 
-ClFrameGrabberChannel::ClFrameGrabberChannel() {
-    InitMutex(m_Mutex);
-}
+ClFrameGrabberChannel::ClFrameGrabberChannel() = default;
 
 ClFrameGrabberChannel::ClFrameGrabberChannel(const ClFrameGrabberChannel& other)
     : CWin32Thread(), m_Callbacks(other.m_Callbacks) {
-    InitMutex(m_Mutex);
     CopySettings(other);
 }
 
@@ -125,30 +105,39 @@ ClFrameGrabberChannel& ClFrameGrabberChannel::operator=(const ClFrameGrabberChan
     return *this;
 }
 
+// The two channels' mutexes are taken one at a time, never together.
 void ClFrameGrabberChannel::CopySettings(const ClFrameGrabberChannel& other) {
     ClVCCamera camera;
     ClImageResolution resolution;
     double x = 1.0;
     double y = 1.0;
     {
-        CXSettingsLock lock(other.m_Mutex);
+        Nvk::CXLock lock(other.m_SettingsMutex);
         camera = other.m_Camera;
         resolution = other.m_Resolution;
         x = other.m_dAspectRatioX;
         y = other.m_dAspectRatioY;
     }
     {
-        CXSettingsLock lock(m_Mutex);
+        Nvk::CXLock lock(m_SettingsMutex);
         m_Camera = camera;
         m_Resolution = resolution;
         m_dAspectRatioX = x;
         m_dAspectRatioY = y;
     }
+    Nvk::utilities::ClSimpleBitmap background;
+    {
+        Nvk::CXLock lock(other.m_ChainMutex);
+        background = other.m_Background;
+    }
+    {
+        Nvk::CXLock lock(m_ChainMutex);
+        m_Background = background;
+    }
     m_nChannelIndex = other.m_nChannelIndex.load();
     m_bRefreshBackground = other.m_bRefreshBackground.load();
     m_bPaused = other.m_bPaused.load();
     m_eColorMode = other.m_eColorMode.load();
-    m_Background = other.m_Background;
     m_eFilter = other.m_eFilter.load();
     m_fpDetectionCallback = other.m_fpDetectionCallback.load();
     m_fpWarningCallback = other.m_fpWarningCallback.load();
@@ -156,32 +145,29 @@ void ClFrameGrabberChannel::CopySettings(const ClFrameGrabberChannel& other) {
     m_bProcessingDirty = true;
 }
 
-ClFrameGrabberChannel::~ClFrameGrabberChannel() {
-    pthread_mutex_destroy(&m_Mutex);
-}
+ClFrameGrabberChannel::~ClFrameGrabberChannel() = default;
 
 // ---- start and stop -------------------------------------------------------
 
-ClFrameGrabberChannel::CXTurn::CXTurn(ClFrameGrabberChannel& channel) : m_rChannel(channel) {
+bool ClFrameGrabberChannel::TakeTurn() {
     const pthread_t self = pthread_self();
-    std::unique_lock<std::mutex> lock(channel.m_TurnMutex);
-    if (channel.m_TurnOwner != pthread_t{} && pthread_equal(channel.m_TurnOwner, self) != 0) {
-        m_bNested = true;
-        return;
+    Nvk::CXLock lock(m_TurnMutex);
+    if (m_TurnOwner != pthread_t{} && pthread_equal(m_TurnOwner, self) != 0) {
+        return false;
     }
-    channel.m_TurnFree.wait(lock, [&] { return channel.m_TurnOwner == pthread_t{}; });
-    channel.m_TurnOwner = self;
+    while (m_TurnOwner != pthread_t{}) {
+        m_TurnFree.Wait(m_TurnMutex);
+    }
+    m_TurnOwner = self;
+    return true;
 }
 
-ClFrameGrabberChannel::CXTurn::~CXTurn() {
-    if (m_bNested) {
-        return;
-    }
+void ClFrameGrabberChannel::GiveTurnBack() {
     {
-        std::lock_guard<std::mutex> lock(m_rChannel.m_TurnMutex);
-        m_rChannel.m_TurnOwner = pthread_t{};
+        Nvk::CXLock lock(m_TurnMutex);
+        m_TurnOwner = pthread_t{};
     }
-    m_rChannel.m_TurnFree.notify_all();
+    m_TurnFree.NotifyAll();
 }
 
 bool ClFrameGrabberChannel::StartCapture(int captureId, eCaptureModeIDs mode, FGImageCallback image,
@@ -291,12 +277,6 @@ bool ClFrameGrabberChannel::IsCurrentThread() const {
     return pthread_equal(m_OwnerThread.load(), pthread_self()) != 0;
 }
 
-bool ClFrameGrabberChannel::CheckCameraSet() const {
-    CXSettingsLock lock(m_Mutex);
-    return m_Camera.m_eCameraID != 0 || m_Camera.m_nWidth != 0 || m_Camera.m_nHeight != 0 ||
-           m_Camera.X() != 0 || m_Camera.Y() != 0;
-}
-
 void ClFrameGrabberChannel::SetSDKData(ClFrameGrabberChannelSDKData* data) {
     if (data == m_pSDKData.get()) {
         return;
@@ -306,30 +286,14 @@ void ClFrameGrabberChannel::SetSDKData(ClFrameGrabberChannelSDKData* data) {
 }
 
 eCaptureModeIDs ClFrameGrabberChannel::GetCaptureMode() const {
-    std::lock_guard<std::mutex> lock(m_DetectionMutex);
+    Nvk::CXLock lock(m_DetectionMutex);
     return m_pDetection ? m_pDetection->Type() : eCaptureLive;
 }
 
 bool ClFrameGrabberChannel::DoDetect(Nvk::utilities::ClSimpleBitmap& image,
                                      Nvk::utilities::ClSimpleBitmap& result) {
-    std::lock_guard<std::mutex> lock(m_DetectionMutex);
+    Nvk::CXLock lock(m_DetectionMutex);
     return m_pDetection ? m_pDetection->Detect(image, result) : false;
-}
-
-ClVCCamera ClFrameGrabberChannel::GetCamera() const {
-    CXSettingsLock lock(m_Mutex);
-    return m_Camera;
-}
-
-ClImageResolution ClFrameGrabberChannel::GetResolution() const {
-    CXSettingsLock lock(m_Mutex);
-    return m_Resolution;
-}
-
-void ClFrameGrabberChannel::GetAspectRatio(double& x, double& y) const {
-    CXSettingsLock lock(m_Mutex);
-    x = m_dAspectRatioX;
-    y = m_dAspectRatioY;
 }
 
 bool ClFrameGrabberChannel::DoImageProcessing() const {
@@ -442,7 +406,10 @@ ClFrameGrabberChannel::eDelivery ClFrameGrabberChannel::CaptureFrame(
 void ClFrameGrabberChannel::StopSequence(ClFramegrabberSDK* sdk,
                                          Nvk::utilities::ClSimpleBitmap& frame) {
     frame.Clear();
-    m_Processed.Clear();
+    {
+        Nvk::CXLock lock(m_ChainMutex);
+        m_Processed.Clear();
+    }
     m_Result.Clear();
     // A device that fails to stop is reported; the host's stop callback
     // comes in any case, so that each start has its stop.

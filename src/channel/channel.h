@@ -2,26 +2,15 @@
 // frame, runs the image pipeline and the finger detector and hands images,
 // results, errors and warnings to the host's callbacks.
 //
-// Threads. Host threads call StartCapture, StopCapture and the setters,
-// several at once if they like; the worker runs Work() and makes every host
-// callback. What they share is race-free: flags and scalar settings are
-// atomics, the camera, resolution and aspect ratio (read together when the
-// chain is rebuilt) sit under the channel mutex, and the capture id,
-// callbacks and context are atomics written only while no worker runs.
-// Starts and stops of one channel take turns: a second host thread waits
-// until the first has created or joined the worker (no lock is held while
-// it joins). The detector is used and replaced under a mutex of its own;
-// the processor chain and its buffers belong to the worker while one
-// exists, so a host thread's change of the chain then only marks it for
-// rebuilding at the next frame. No lock is held while a host callback runs.
+// Threads, locks and their order, which callback comes on which thread and
+// the road of a frame: docs/threads.md. No lock is held while a worker is
+// joined or a host callback runs.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -32,6 +21,7 @@
 #include "channel/worker_thread.h"
 #include "image/image_processor.h"
 #include "image/simple_bitmap.h"
+#include "util/mutex.h"
 
 namespace vc {
 
@@ -51,17 +41,17 @@ public:
         CXCallbacks& operator=(const CXCallbacks& other);
         ~CXCallbacks();
 
-        void Set(FGStartCallback start, FGStopCallback stop);
-        void OnStart(int captureId, unsigned int channelIndex, void* context);
-        void OnStop(int captureId, unsigned int channelIndex, void* context);
+        void Set(FGStartCallback start, FGStopCallback stop) EXCLUDES(m_Mutex);
+        void OnStart(int captureId, unsigned int channelIndex, void* context) EXCLUDES(m_Mutex);
+        void OnStop(int captureId, unsigned int channelIndex, void* context) EXCLUDES(m_Mutex);
 
     private:
         void Call(FGStartCallback CXCallbacks::*which, int captureId, unsigned int channelIndex,
-                  void* context);
+                  void* context) EXCLUDES(m_Mutex);
 
-        FGStartCallback m_fpStart = nullptr;
-        FGStopCallback m_fpStop = nullptr;
-        mutable pthread_mutex_t m_Mutex;
+        mutable Nvk::CXMutex m_Mutex;
+        FGStartCallback m_fpStart GUARDED_BY(m_Mutex) = nullptr;
+        FGStopCallback m_fpStop GUARDED_BY(m_Mutex) = nullptr;
     };
 
     ClFrameGrabberChannel();
@@ -101,46 +91,48 @@ public:
     // Adds the flip processor when the camera asks for a flip. Called by a
     // host thread while a worker exists, it marks the chain for rebuilding
     // instead (the rebuilt chain flips as the camera asks).
-    virtual void SetImageFlipPrecessing();
+    virtual void SetImageFlipPrecessing() EXCLUDES(m_ChainMutex);
     // Running: the next frame becomes the background. Idle: takes one
     // unfiltered image through `grabber` as the background.
-    virtual void RefreshBackGround(ClFramegrabber& grabber);
+    virtual void RefreshBackGround(ClFramegrabber& grabber) EXCLUDES(m_ChainMutex);
     // Hook for processors of a derived channel, added last to the chain.
-    virtual void AddSpecificImageProcessing();
+    // Runs under the chain mutex, which is not recursive: it adds to
+    // m_Processor directly and calls none of the locking functions.
+    virtual void AddSpecificImageProcessing() REQUIRES(m_ChainMutex);
     // Whether frames pass through the processor chain before delivery.
     virtual bool DoImageProcessing() const;
 
     // Setters, called on the host's thread (also while the worker runs).
     void SetFilter(eFilterIDs filter);
-    void SetCamera(eCameraIDs camera, eColorModeIDs mode);
-    void SetAspectRatio(double x, double y);
-    void SetResolution(const ClImageResolution& resolution);
+    void SetCamera(eCameraIDs camera, eColorModeIDs mode) EXCLUDES(m_SettingsMutex);
+    void SetAspectRatio(double x, double y) EXCLUDES(m_SettingsMutex);
+    void SetResolution(const ClImageResolution& resolution) EXCLUDES(m_SettingsMutex);
     // Replaces the detector; also while frames flow (the next frame meets
     // the new one).
-    void SetDetection(eCaptureModeIDs mode);
+    void SetDetection(eCaptureModeIDs mode) EXCLUDES(m_DetectionMutex);
     void SetCallbacks(FGStartCallback start, FGStopCallback stop);
 
     // Rebuilds the processor chain when a setting changed or when forced.
     // Called by a host thread while a worker exists, it only marks the chain
     // for rebuilding (when forced): the worker rebuilds it at its next frame
     // and reports a failure to the host's error callback.
-    void InitializeImageProcessing(bool force);
+    void InitializeImageProcessing(bool force) EXCLUDES(m_ChainMutex);
     // Runs the chain (when the channel processes images) and the detector on
     // `frame` and calls the host's image and detection callbacks. `detect`
     // is false when the device has already detected the finger itself.
-    void SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& frame, bool detect);
+    void SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& frame, bool detect)
+        EXCLUDES(m_ChainMutex, m_DetectionMutex);
     // The detector's answer for `image`; false without a detector. Any
     // thread, also while frames flow.
-    bool DoDetect(Nvk::utilities::ClSimpleBitmap& image, Nvk::utilities::ClSimpleBitmap& result);
+    bool DoDetect(Nvk::utilities::ClSimpleBitmap& image, Nvk::utilities::ClSimpleBitmap& result)
+        EXCLUDES(m_DetectionMutex);
 
     void SetCurrentThread();
     bool IsCurrentThread() const;
-    bool CheckCameraSet() const;
     // Takes ownership; the previous data is deleted first.
     void SetSDKData(ClFrameGrabberChannelSDKData* data);
-    ClFrameGrabberChannelSDKData* GetSDKData() const { return m_pSDKData.get(); }
     // The detector's type; live (0) while the channel has no detector.
-    eCaptureModeIDs GetCaptureMode() const;
+    eCaptureModeIDs GetCaptureMode() const EXCLUDES(m_DetectionMutex);
 
     // State the device SDK and the host reach.
     unsigned int GetChannelIndex() const { return m_nChannelIndex.load(); }
@@ -148,16 +140,11 @@ public:
     bool IsRunning() const { return m_bRunning.load(); }
     // Paused: the worker idles without touching the device (Freeze).
     void SetPaused(bool paused) { m_bPaused.store(paused); }
-    bool IsPaused() const { return m_bPaused.load(); }
     // In preview capture, asks the worker for one triggered image.
     void RequestTrigger() { m_bTriggerRequested.store(true); }
     bool IsTriggerRequested() const { return m_bTriggerRequested.load(); }
     int GetCaptureID() const { return m_nCaptureID.load(); }
     eFilterIDs GetFilter() const { return m_eFilter.load(); }
-    eColorModeIDs GetColorMode() const { return m_eColorMode.load(); }
-    ClVCCamera GetCamera() const;
-    ClImageResolution GetResolution() const;
-    void GetAspectRatio(double& x, double& y) const;
 
     // The device SDK shared by all channels; set by the device SDK when it
     // starts a capture, never owned by a channel.
@@ -167,35 +154,42 @@ protected:
     // Hook called when a capture stops; nothing to release here.
     void Release() {}
 
-    // Locks the channel mutex for the lifetime of the object.
-    class CXSettingsLock {
-    public:
-        explicit CXSettingsLock(pthread_mutex_t& mutex) : m_rMutex(mutex) {
-            pthread_mutex_lock(&m_rMutex);
-        }
-        ~CXSettingsLock() { pthread_mutex_unlock(&m_rMutex); }
-        CXSettingsLock(const CXSettingsLock&) = delete;
-        CXSettingsLock& operator=(const CXSettingsLock&) = delete;
+    // The camera, aspect ratio and resolution, read together when the
+    // chain is rebuilt. A leaf: nothing else is taken while it is held.
+    mutable Nvk::CXMutex m_SettingsMutex;
+    ClVCCamera m_Camera GUARDED_BY(m_SettingsMutex);
+    double m_dAspectRatioX GUARDED_BY(m_SettingsMutex) = 1.0;
+    double m_dAspectRatioY GUARDED_BY(m_SettingsMutex) = 1.0;
+    ClImageResolution m_Resolution GUARDED_BY(m_SettingsMutex);
 
-    private:
-        pthread_mutex_t& m_rMutex;
-    };
+    // The detector is read, used and replaced under this mutex.
+    mutable Nvk::CXMutex m_DetectionMutex;
+    std::unique_ptr<ClImageDetection> m_pDetection GUARDED_BY(m_DetectionMutex);
 
-    ClVCCamera m_Camera;  // under m_Mutex
+    // The processor chain, its output and the background. While a worker
+    // exists (m_bWorkerActive) only the worker changes them; it hands the
+    // processed frame to the host after releasing the mutex.
+    mutable Nvk::CXMutex m_ChainMutex;
+    ClImageMacroProcessor m_Processor GUARDED_BY(m_ChainMutex);
+    Nvk::utilities::ClSimpleBitmap m_Background GUARDED_BY(m_ChainMutex);
+    Nvk::utilities::ClSimpleBitmap m_Processed GUARDED_BY(m_ChainMutex);
+
+    // The worker's own, kept from frame to frame so that a frame needs no
+    // new block: the detector's result (used only on the worker).
+    Nvk::utilities::ClSimpleBitmap m_Result;
+    // Set by the device SDK under its device lock.
+    std::unique_ptr<ClFrameGrabberChannelSDKData> m_pSDKData;
+    CXCallbacks m_Callbacks;
+
+    // Unguarded atomics, read by any thread. The capture id, the callbacks
+    // and the context are written only while no worker runs (StartCapture
+    // before the thread starts, StopCapture after the join), so a worker
+    // sees one capture's set throughout.
     std::atomic<unsigned int> m_nChannelIndex{1};
-    ClImageMacroProcessor m_Processor;
-    std::unique_ptr<ClImageDetection> m_pDetection;
     std::atomic<bool> m_bRefreshBackground{true};
     std::atomic<bool> m_bPaused{false};
     std::atomic<eColorModeIDs> m_eColorMode{eColorGray8};
     std::atomic<bool> m_bRunning{false};
-    double m_dAspectRatioX = 1.0;  // under m_Mutex
-    double m_dAspectRatioY = 1.0;  // under m_Mutex
-    Nvk::utilities::ClSimpleBitmap m_Background;
-    // The worker's own buffers, kept from frame to frame so that a frame
-    // needs no new block: the processed frame and the detector's result.
-    Nvk::utilities::ClSimpleBitmap m_Processed;
-    Nvk::utilities::ClSimpleBitmap m_Result;
     std::atomic<bool> m_bProcessingDirty{true};
     std::atomic<eFilterIDs> m_eFilter{eFilterNone};
     std::atomic<int> m_nCaptureID{-1};
@@ -203,19 +197,9 @@ protected:
     std::atomic<FGErrorCallback> m_fpErrorCallback{nullptr};
     std::atomic<FGResultCallback> m_fpDetectionCallback{nullptr};
     std::atomic<void*> m_pContext{nullptr};
-    std::unique_ptr<ClFrameGrabberChannelSDKData> m_pSDKData;
     std::atomic<FGWarningCallback> m_fpWarningCallback{nullptr};
     std::atomic<pthread_t> m_OwnerThread{0};
-    ClImageResolution m_Resolution;  // under m_Mutex
-    CXCallbacks m_Callbacks;
-    mutable pthread_mutex_t m_Mutex;
     std::atomic<bool> m_bTriggerRequested{false};
-    // The detector is read, used and replaced under this mutex.
-    mutable std::mutex m_DetectionMutex;
-    // The processor chain, the processed frame and the background are
-    // changed under this one (recursive: a rebuild calls the virtual hooks,
-    // which may add to the chain).
-    std::recursive_mutex m_ChainMutex;
     // From just before a worker is created until it leaves Work() or is
     // joined: the chain then belongs to the worker.
     std::atomic<bool> m_bWorkerActive{false};
@@ -227,18 +211,28 @@ private:
     // it again (StartCapture stops through the virtual StopCapture).
     class CXTurn {
     public:
-        explicit CXTurn(ClFrameGrabberChannel& channel);
-        ~CXTurn();
+        explicit CXTurn(ClFrameGrabberChannel& channel)
+            : m_rChannel(channel), m_bNested(!channel.TakeTurn()) {}
+        ~CXTurn() {
+            if (!m_bNested) {
+                m_rChannel.GiveTurnBack();
+            }
+        }
         CXTurn(const CXTurn&) = delete;
         CXTurn& operator=(const CXTurn&) = delete;
 
     private:
         ClFrameGrabberChannel& m_rChannel;
-        bool m_bNested = false;
+        const bool m_bNested;
     };
-    std::mutex m_TurnMutex;
-    std::condition_variable m_TurnFree;
-    pthread_t m_TurnOwner{};  // under m_TurnMutex; zero while nobody has the turn
+    // Waits for the turn and takes it; false (and no wait) when the calling
+    // thread has it already.
+    bool TakeTurn() EXCLUDES(m_TurnMutex);
+    void GiveTurnBack() EXCLUDES(m_TurnMutex);
+    Nvk::CXMutex m_TurnMutex;
+    Nvk::CXCondition m_TurnFree;
+    // Zero while nobody has the turn.
+    pthread_t m_TurnOwner GUARDED_BY(m_TurnMutex){};
 
     enum class eOutcome { Done, Warned, Failed };
     // What a pass over the device took: nothing, a frame the device itself
@@ -250,9 +244,13 @@ private:
     void ReportError(const Nvk::ClNorvakException& error);
     void CapturePass(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
     eDelivery CaptureFrame(ClFramegrabberSDK& sdk, Nvk::utilities::ClSimpleBitmap& frame);
-    void StopSequence(ClFramegrabberSDK* sdk, Nvk::utilities::ClSimpleBitmap& frame);
-    void Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect, eCaptureModeIDs type);
-    void RebuildChain(bool force);
+    void StopSequence(ClFramegrabberSDK* sdk, Nvk::utilities::ClSimpleBitmap& frame)
+        EXCLUDES(m_ChainMutex);
+    void Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect, eCaptureModeIDs type)
+        EXCLUDES(m_DetectionMutex);
+    void RebuildChain(bool force) REQUIRES(m_ChainMutex);
+    // The flip processor, when the camera asks for one.
+    void AddFlipProcessing() REQUIRES(m_ChainMutex);
     // Whether the chain must be left to the worker: a worker exists and the
     // caller is not it.
     bool ChainBelongsToWorker() const;
@@ -260,7 +258,7 @@ private:
     // stays here.
     template <class Report>
     void ReportSafely(Report&& report);
-    void CopySettings(const ClFrameGrabberChannel& other);
+    void CopySettings(const ClFrameGrabberChannel& other) EXCLUDES(m_SettingsMutex, m_ChainMutex);
 };
 
 // The channel of the KR7 scanner: the device SDK prepares its frames, so

@@ -62,7 +62,7 @@ void ClFrameGrabberChannel::SetCamera(eCameraIDs camera, eColorModeIDs mode) {
     }
     const ClVCCamera record = ClVCCamera::Create(camera);
     {
-        CXSettingsLock lock(m_Mutex);
+        Nvk::CXLock lock(m_SettingsMutex);
         m_Camera = record;
     }
     m_eColorMode = mode;
@@ -75,7 +75,7 @@ void ClFrameGrabberChannel::SetAspectRatio(double x, double y) {
         throw ClVCException(err::kBadAspectRatioText, vc::FGERR_BAD_ASPECT_RATIO);
     }
     {
-        CXSettingsLock lock(m_Mutex);
+        Nvk::CXLock lock(m_SettingsMutex);
         m_dAspectRatioX = x;
         m_dAspectRatioY = y;
     }
@@ -85,7 +85,7 @@ void ClFrameGrabberChannel::SetAspectRatio(double x, double y) {
 
 void ClFrameGrabberChannel::SetResolution(const ClImageResolution& resolution) {
     {
-        CXSettingsLock lock(m_Mutex);
+        Nvk::CXLock lock(m_SettingsMutex);
         m_Resolution = resolution;
     }
     m_bProcessingDirty = true;
@@ -104,7 +104,7 @@ void ClFrameGrabberChannel::SetDetection(eCaptureModeIDs mode) {
     }
     const bool none = !detection;
     {
-        std::lock_guard<std::mutex> lock(m_DetectionMutex);
+        Nvk::CXLock lock(m_DetectionMutex);
         m_pDetection.swap(detection);
     }
     if (none) {
@@ -137,7 +137,7 @@ void ClFrameGrabberChannel::RefreshBackGround(ClFramegrabber& grabber) {
     Nvk::utilities::ClSimpleBitmap snapped;
     snapped.Attach(reinterpret_cast<tagBITMAPINFOHEADER*>(image));
     try {
-        std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+        Nvk::CXLock lock(m_ChainMutex);
         if (!ChainBelongsToWorker()) {
             m_Background = snapped;
         }
@@ -158,7 +158,7 @@ bool ClFrameGrabberChannel::ChainBelongsToWorker() const {
 }
 
 void ClFrameGrabberChannel::InitializeImageProcessing(bool force) {
-    std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+    Nvk::CXLock lock(m_ChainMutex);
     if (ChainBelongsToWorker()) {
         if (force) {
             m_bProcessingDirty = true;
@@ -168,7 +168,6 @@ void ClFrameGrabberChannel::InitializeImageProcessing(bool force) {
     RebuildChain(force);
 }
 
-// The chain mutex is held.
 void ClFrameGrabberChannel::RebuildChain(bool force) {
     // Cleared before the settings are read, so that a setter that runs while
     // the chain is being built leaves it dirty for the next frame.
@@ -200,14 +199,14 @@ void ClFrameGrabberChannel::RebuildChain(bool force) {
             AddTo(m_Processor, std::move(processor));
         }
 
-        SetImageFlipPrecessing();
+        AddFlipProcessing();
 
         ClVCCamera camera;
         ClImageResolution resolution;
         double x = 1.0;
         double y = 1.0;
         {
-            CXSettingsLock lock(m_Mutex);
+            Nvk::CXLock lock(m_SettingsMutex);
             camera = m_Camera;
             resolution = m_Resolution;
             x = m_dAspectRatioX;
@@ -228,15 +227,19 @@ void ClFrameGrabberChannel::RebuildChain(bool force) {
 }
 
 void ClFrameGrabberChannel::SetImageFlipPrecessing() {
-    std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+    Nvk::CXLock lock(m_ChainMutex);
     if (ChainBelongsToWorker()) {
         m_bProcessingDirty = true;
         return;
     }
+    AddFlipProcessing();
+}
+
+void ClFrameGrabberChannel::AddFlipProcessing() {
     bool flip1 = false;
     bool flip2 = false;
     {
-        CXSettingsLock lock(m_Mutex);
+        Nvk::CXLock lock(m_SettingsMutex);
         flip1 = m_Camera.m_bFlip1;
         flip2 = m_Camera.m_bFlip2;
     }
@@ -280,17 +283,19 @@ void ClFrameGrabberChannel::SendBitmapToClient(Nvk::utilities::ClSimpleBitmap& f
         Deliver(frame, detect, type);
         return;
     }
+    Nvk::utilities::ClSimpleBitmap* processed = nullptr;
     {
-        // The host gets the processed frame after the mutex is released:
-        // host threads leave the chain and its buffers to this worker.
-        std::lock_guard<std::recursive_mutex> lock(m_ChainMutex);
+        Nvk::CXLock lock(m_ChainMutex);
         if (m_bRefreshBackground.exchange(false)) {
             m_Background = frame;
         }
         RebuildChain(false);
         m_Processor.Execute(frame, m_Processed);
+        processed = &m_Processed;
     }
-    Deliver(m_Processed, detect, type);
+    // The host gets the processed frame after the mutex is released: host
+    // threads leave the chain and its buffers to this worker.
+    Deliver(*processed, detect, type);
 }
 
 void ClFrameGrabberChannel::Deliver(Nvk::utilities::ClSimpleBitmap& image, bool detect,
@@ -322,7 +327,7 @@ void ClFrameGrabberChannel::Deliver(Nvk::utilities::ClSimpleBitmap& image, bool 
     bool detected = false;
     Nvk::utilities::ClSimpleBitmap* output = &fresh;
     {
-        std::lock_guard<std::mutex> lock(m_DetectionMutex);
+        Nvk::CXLock lock(m_DetectionMutex);
         if (m_pDetection) {
             if (m_pDetection->AssignsOutput()) {
                 output = &m_Result;

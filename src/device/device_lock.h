@@ -5,14 +5,14 @@
 
 namespace vc {
 
-class CXDeviceLock {
+class SCOPED_CAPABILITY CXDeviceLock {
 public:
     // A capture worker between two passes lets the waiting thread in.
-    explicit CXDeviceLock(ClNorvakKR7SDK& sdk) : m_rSdk(sdk) {
+    explicit CXDeviceLock(ClNorvakKR7SDK& sdk) ACQUIRE(sdk.m_DeviceMutex) : m_rSdk(sdk) {
         const ClFramegrabberSDK::CXLockRequest request(sdk);
         m_rSdk.Lock();
     }
-    ~CXDeviceLock() { m_rSdk.UnLock(); }
+    ~CXDeviceLock() RELEASE() { m_rSdk.UnLock(); }
     CXDeviceLock(const CXDeviceLock&) = delete;
     CXDeviceLock& operator=(const CXDeviceLock&) = delete;
 

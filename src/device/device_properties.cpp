@@ -71,10 +71,11 @@ void ClNorvakKR7SDK::SetProperty(ePropertyIDs id, unsigned int value) {
         case ePropGreenLED: {
             InitializeScanner();
             const bool red = id == ePropRedLED;
+            ClFutronicBaseSDK& scanner = *m_pScanner;
             const auto switchLED = [&](bool on) {
-                return red ? m_pScanner->SwitchRedLED(on) : m_pScanner->SwitchGreenLED(on);
+                return red ? scanner.SwitchRedLED(on) : scanner.SwitchGreenLED(on);
             };
-            const bool before = red ? m_pScanner->StateRedLED() : m_pScanner->StateGreenLED();
+            const bool before = red ? scanner.StateRedLED() : scanner.StateGreenLED();
             if (!switchLED(value != 0)) {
                 const unsigned long code = m_pScanner->GetLastError();
                 // The LED stays as it was, and so must the state the property
@@ -111,13 +112,13 @@ void ClNorvakKR7SDK::SetLastFGError(unsigned long code, const std::string& descr
             text = nullptr;
             break;
     }
-    std::lock_guard<std::mutex> lock(m_ErrorMutex);
+    Nvk::CXLock lock(m_ErrorMutex);
     m_nLastError = code;
     m_strLastError = text ? std::string(text) : description;
 }
 
 void ClNorvakKR7SDK::GetLastFGError(unsigned long& code, std::string& description) const {
-    std::lock_guard<std::mutex> lock(m_ErrorMutex);
+    Nvk::CXLock lock(m_ErrorMutex);
     code = m_nLastError;
     description = m_strLastError;
 }
@@ -155,6 +156,7 @@ void ClNorvakKR7SDK::OnFakeFinger() {
     // The host's callback never runs under the device lock: an event raised
     // during a pass goes out when the pass releases the lock.
     if (HoldsDeviceLock()) {
+        DeviceLockHeld();
         m_bFakeFingerPending = true;
         return;
     }
@@ -275,13 +277,15 @@ void ClNorvakKR7SDK::ContaminationDetection(unsigned int ch, double* result) {
 
 int CBLoggingFacility(NvkLFCBEvents event, void* data) {
     static bool s_bScannerLogging = false;
-    std::lock_guard<std::mutex> lock(ClNorvakKR7SDK::m_cCBMutex);
+    Nvk::CXLock lock(ClNorvakKR7SDK::m_cCBMutex);
     ClNorvakKR7SDK* sdk = ClNorvakKR7SDK::m_pCBData;
     if (sdk == nullptr) {
         return 0;
     }
     const auto* bytes = static_cast<const unsigned char*>(data);
     try {
+        // The scanner is reached under the device lock, as everywhere.
+        CXDeviceLock device(*sdk);
         switch (event) {
             case NvkLFCBEnable:
                 if (!s_bScannerLogging) {

@@ -9,7 +9,7 @@ using Nvk::utilities::Log;
 void ClNorvakKR7SDK::ClXEvents::EnableEvents(unsigned int handle, FGEventCallback callback,
                                              void* user) {
     Log(7, "QV2 scanner. Enabling of QV2 scanner events.");
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    Nvk::CXLock lock(m_Mutex);
     m_nHandle = handle;
     m_fpCallback = callback;
     m_pUser = user;
@@ -20,7 +20,7 @@ void ClNorvakKR7SDK::ClXEvents::Fire(unsigned int channel, eFG_KR7_Events type) 
     FGEventCallback callback;
     void* user;
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+        Nvk::CXLock lock(m_Mutex);
         handle = m_nHandle;
         callback = m_fpCallback;
         user = m_pUser;

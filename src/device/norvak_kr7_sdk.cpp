@@ -21,8 +21,8 @@ namespace vc {
 using Nvk::utilities::ClSimpleBitmap;
 using Nvk::utilities::Log;
 
+Nvk::CXMutex ClNorvakKR7SDK::m_cCBMutex;
 ClNorvakKR7SDK* ClNorvakKR7SDK::m_pCBData = nullptr;
-std::mutex ClNorvakKR7SDK::m_cCBMutex;
 
 namespace {
 
@@ -53,22 +53,21 @@ public:
 
 // ---- construction -------------------------------------------------------
 
-ClNorvakKR7SDK::ClNorvakKR7SDK(void* owner)
+ClNorvakKR7SDK::ClNorvakKR7SDK(void*)
     : m_pScanner(new ClFutronicBaseSDK()),
       m_pSetting(new CXSetting()),
       m_pEvents(new ClXEvents()),
-      m_vChannels(1),
-      m_pOwner(owner) {
+      m_vChannels(1) {
     m_vChannels.front().SetChannelIndex(1);
     RegisterLFCallbacks();
-    std::lock_guard<std::mutex> lock(m_cCBMutex);
+    Nvk::CXLock lock(m_cCBMutex);
     m_pCBData = this;
 }
 
 ClNorvakKR7SDK::~ClNorvakKR7SDK() {
     StopChannelsForTeardown();
     UnregisterLFCallbacks();
-    std::lock_guard<std::mutex> lock(m_cCBMutex);
+    Nvk::CXLock lock(m_cCBMutex);
     if (m_pCBData == this) {
         m_pCBData = nullptr;
     }
@@ -83,7 +82,7 @@ void ClNorvakKR7SDK::StopChannelsForTeardown() {
 // ---- the device lock ----------------------------------------------------
 
 bool ClNorvakKR7SDK::Lock() {
-    m_DeviceMutex.lock();
+    m_DeviceMutex.Lock();
     if (m_nLockDepth++ == 0) {
         m_LockOwner.store(std::this_thread::get_id());
     }
@@ -97,7 +96,7 @@ void ClNorvakKR7SDK::UnLock() {
         m_bFakeFingerPending = false;
         m_LockOwner.store(std::thread::id());
     }
-    m_DeviceMutex.unlock();
+    m_DeviceMutex.Unlock();
     if (deliver) {
         m_pEvents->Fire(m_nCurrentChannel.load(), eKR7EventFakeFinger);
     }
@@ -105,6 +104,11 @@ void ClNorvakKR7SDK::UnLock() {
 
 bool ClNorvakKR7SDK::HoldsDeviceLock() const {
     return m_LockOwner.load() == std::this_thread::get_id();
+}
+
+bool ClNorvakKR7SDK::IsScannerInitialized() {
+    CXDeviceLock lock(*this);
+    return m_bScannerInitialized;
 }
 
 // ---- scanner lifecycle --------------------------------------------------
@@ -313,20 +317,6 @@ void ClNorvakKR7SDK::GetLiveBitmap(ClFrameGrabberChannel& channel, ClSimpleBitma
     }
 }
 
-void ClNorvakKR7SDK::GetRowLiveBitmap(ClSimpleBitmap& bitmap) {
-    CXDeviceLock lock(*this);
-    Log(7, "QV2 scanner. The calibration isn't initializeted.");
-    if (bitmap.Empty() || bitmap.BitCount() != 8) {
-        return;  // nothing to take the frame into
-    }
-    if (m_pScanner->GetImageByDose(bitmap.Pixel(),
-                                   static_cast<int>(m_pSetting->m_nContaminationDose))) {
-        PrepareImage(bitmap);
-    } else if (CheckScannerError(m_pScanner->GetLastError())) {
-        bitmap.SetWhite();
-    }
-}
-
 void ClNorvakKR7SDK::PrepareImage(ClSimpleBitmap& bitmap) {
     Log(7, "QV2 scanner. Calling PrepareImage function");
     if (bitmap.Empty() || bitmap.BitCount() != 8 || bitmap.Width() <= 0 || bitmap.Height() <= 0) {
@@ -374,25 +364,6 @@ void ClNorvakKR7SDK::PrepareImage(ClSimpleBitmap& bitmap) {
             middle[x] = static_cast<unsigned char>(255 - middle[x]);
         }
     }
-}
-
-void ClNorvakKR7SDK::CreateBitmap(ClSimpleBitmap& bitmap, long width, long height,
-                                  const unsigned char* data, unsigned long size) {
-    Log(7, "QVC scanner. Running without calibration");
-    bitmap.Create(width, height, 8);
-    const unsigned long room = static_cast<unsigned long>(bitmap.PixelSize());
-    if (data != nullptr) {
-        std::memcpy(bitmap.Pixel(), data, size < room ? size : room);
-    }
-    bitmap.SetWhite();
-}
-
-void ClNorvakKR7SDK::SnapRefImage(ClSimpleBitmap& bitmap) {
-    CXDeviceLock lock(*this);
-    const FTRSCAN_IMAGE_SIZE size = ReadImageSize();
-    bitmap.Create(size.nWidth, size.nHeight, 8);
-    bitmap.SetResolution(500, 500);
-    FuzzyImage(bitmap.Pixel());
 }
 
 void ClNorvakKR7SDK::Snap(unsigned int ch, unsigned char** image) {

@@ -6,16 +6,14 @@
 // worker calls the ClFramegrabberSDK operations, one pass at a time between
 // Lock and UnLock. The device lock is real: a worker's pass and every host
 // operation that touches the scanner or the calibration exclude each other
-// (a host call may wait up to one frame). It is recursive, so an operation
-// may take it again on the same thread. It is never held while a worker is
+// (a host call may wait up to one frame). It is never held while a worker is
 // joined or a host callback runs: a device event raised under the lock is
-// delivered after the outermost UnLock.
+// delivered after the outermost UnLock. See docs/threads.md.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,8 +25,11 @@
 #include "device/futronic_base_sdk.h"
 #include "image/simple_bitmap.h"
 #include "util/multi_string.h"
+#include "util/mutex.h"
 
 namespace vc {
+
+class CXDeviceLock;  // device/device_lock.h
 
 class ClNorvakKR7SDK : public ClFramegrabberSDK {
 public:
@@ -43,7 +44,8 @@ public:
     // The settings file the scanner's first initialisation reads.
     static constexpr const char* kSettingsPath = "/etc/norvakkr7.cfg";
 
-    // Builds the parts; touches no device. `owner` is kept for the channels.
+    // Builds the parts; touches no device. `owner` (the host's context) is
+    // not used.
     explicit ClNorvakKR7SDK(void* owner);
     // Stops every channel, then releases the scanner and the calibration.
     ~ClNorvakKR7SDK() override;
@@ -60,8 +62,8 @@ public:
     void StartLiveCapturing(ClFrameGrabberChannel& channel) override;
     void StopLiveCapturing(ClFrameGrabberChannel& channel) override;
     bool IsDirty(ClFrameGrabberChannel& channel) override;
-    bool Lock() override;
-    void UnLock() override;
+    bool Lock() ACQUIRE(m_DeviceMutex) override;
+    void UnLock() RELEASE(m_DeviceMutex) override;
 
     // ---- scanner lifecycle ----------------------------------------------
     // Settings, open, long image, extended API, calibration; once until
@@ -74,16 +76,9 @@ public:
 
     // ---- frames -----------------------------------------------------------
     // Raw frame at the contamination dose into `buffer`.
-    void FuzzyImage(unsigned char* buffer);
-    // A frame turned and inverted but not calibrated.
-    void GetRowLiveBitmap(Nvk::utilities::ClSimpleBitmap& bitmap);
+    void FuzzyImage(unsigned char* buffer) REQUIRES(m_DeviceMutex);
     // Turns an 8-bit image upside down and inverts it, in one pass.
     static void PrepareImage(Nvk::utilities::ClSimpleBitmap& bitmap);
-    // An 8-bit width × height bitmap holding `size` bytes of `data`, white.
-    static void CreateBitmap(Nvk::utilities::ClSimpleBitmap& bitmap, long width, long height,
-                             const unsigned char* data, unsigned long size);
-    // A raw backlight-dose frame at the native size, 500 dpi.
-    void SnapRefImage(Nvk::utilities::ClSimpleBitmap& bitmap);
     // One calibrated frame on `ch` after stopping its capture; the block
     // goes to `*image`, to be freed with delete[].
     void Snap(unsigned int ch, unsigned char** image);
@@ -116,30 +111,27 @@ public:
     bool CheckScannerError(unsigned long code);
     // The first argument is not used; `handle` comes back in every event.
     void EnableEvents(int unused, unsigned int handle, FGEventCallback callback, void* user);
+    // Under the device lock the event waits for the outermost UnLock.
     void OnFakeFinger();
     void GetActiveScanner(unsigned long& index);
     void SetActiveScanner(unsigned long index);
     void ReadSDKInfo();
     void GetSDKInfo(char* buffer, unsigned long& size);
     void AvailableScanners(DeviceInfo* list, unsigned long& count);
-    std::string GetRevisionStr() const;
+    std::string GetRevisionStr() const REQUIRES(m_DeviceMutex);
     // Contamination of the platen, measured on channel 1.
     void ContaminationDetection(unsigned int ch, double* result);
     void RegisterLFCallbacks() {}
     void UnregisterLFCallbacks() {}
 
-    // ---- state, for the facade and for tests ----------------------------
-    ClFutronicBaseSDK& Scanner() { return *m_pScanner; }
-    bool IsScannerInitialized() const { return m_bScannerInitialized; }
-    CXSetting& Settings() { return *m_pSetting; }
-    CXCalibration* Calibration() { return m_pCalibration.get(); }
-    unsigned int ActiveChannel() const { return m_nActiveChannel.load(); }
-    std::size_t ChannelCount() const { return m_vChannels.size(); }
-    void* Owner() const { return m_pOwner; }
+    // ---- state, for tests and the logging library's callback -------------
+    ClFutronicBaseSDK& Scanner() REQUIRES(m_DeviceMutex) { return *m_pScanner; }
+    bool IsScannerInitialized();
+    CXCalibration* Calibration() REQUIRES(m_DeviceMutex) { return m_pCalibration.get(); }
 
     // The SDK whose scanner CBLoggingFacility works on, and its lock.
-    static ClNorvakKR7SDK* m_pCBData;
-    static std::mutex m_cCBMutex;
+    static Nvk::CXMutex m_cCBMutex;
+    static ClNorvakKR7SDK* m_pCBData GUARDED_BY(m_cCBMutex);
 
 protected:
     // The channel numbered `ch` (numbers count from 1); error 4 otherwise.
@@ -149,43 +141,60 @@ protected:
     void StopChannelsForTeardown();
 
 private:
-    // Shapes the channel's bitmap: raw bitmap, calibrated size, buffer.
-    void PrepareChannel(ClFrameGrabberChannel& channel, Nvk::utilities::ClSimpleBitmap& bitmap);
-    void ApplyFakeFingerOption();
+    friend class CXDeviceLock;
+
+    void ApplyFakeFingerOption() REQUIRES(m_DeviceMutex);
     // A scanner call failed with the API's last error `code`. A
     // disconnection is handled as in a capture (CheckScannerError): the
     // scanner is closed, since its handle stays dead after a replug and the
     // next operation must open it again, and 31 is thrown with its text. Any
     // other code is thrown with `text`.
-    [[noreturn]] void ThrowScannerError(unsigned long code, const char* text);
+    [[noreturn]] void ThrowScannerError(unsigned long code, const char* text)
+        REQUIRES(m_DeviceMutex);
     // The scanner's frame size; refuses sizes no frame buffer can be made from.
-    FTRSCAN_IMAGE_SIZE ReadImageSize();
+    FTRSCAN_IMAGE_SIZE ReadImageSize() REQUIRES(m_DeviceMutex);
     // Whether the calling thread holds the device lock.
     bool HoldsDeviceLock() const;
+    // Tells the analysis what HoldsDeviceLock() found.
+    void DeviceLockHeld() const ASSERT_CAPABILITY(m_DeviceMutex) {}
 
-    std::unique_ptr<ClFutronicBaseSDK> m_pScanner;
-    mutable std::mutex m_ErrorMutex;  // guards the last-error record
-    std::string m_strLastError;
-    unsigned long m_nLastError = 0;
-    std::unique_ptr<CXCalibration> m_pCalibration;
-    Nvk::ClMultiString m_SDKInfo;
-    std::unique_ptr<CXSetting> m_pSetting;
+    // The device lock. Recursive: the operations a worker's pass calls
+    // inside Lock/UnLock (InitializeSDK, SetActiveChannel, GetLiveBitmap)
+    // are whole operations of their own as well, for GetImage, tests and
+    // benchmarks, and take the lock themselves; and a scanner error closes
+    // the scanner (CheckScannerError, UninitializeScanner) from inside
+    // whichever operation met it.
+    Nvk::CXRecursiveMutex m_DeviceMutex;
+    // Recursion depth and an event waiting for the outermost UnLock.
+    int m_nLockDepth GUARDED_BY(m_DeviceMutex) = 0;
+    bool m_bFakeFingerPending GUARDED_BY(m_DeviceMutex) = false;
+    // The thread holding the device lock, for HoldsDeviceLock.
+    std::atomic<std::thread::id> m_LockOwner{};
+
+    // The scanner, the settings, the calibration and what is read from them.
+    // The two pointers themselves never change; what they point to does.
+    std::unique_ptr<ClFutronicBaseSDK> m_pScanner PT_GUARDED_BY(m_DeviceMutex);
+    std::unique_ptr<CXSetting> m_pSetting PT_GUARDED_BY(m_DeviceMutex);
+    std::unique_ptr<CXCalibration> m_pCalibration GUARDED_BY(m_DeviceMutex);
+    Nvk::ClMultiString m_SDKInfo GUARDED_BY(m_DeviceMutex);
+    Nvk::utilities::ClSimpleBitmap m_RawBitmap GUARDED_BY(m_DeviceMutex);
+    std::unique_ptr<unsigned char> m_pFakeFingerOverride GUARDED_BY(m_DeviceMutex);
+    bool m_bScannerInitialized GUARDED_BY(m_DeviceMutex) = false;
+    std::uint32_t m_nCalibratedImageSize GUARDED_BY(m_DeviceMutex) = 0;
+
+    // The last-error record; a leaf lock, taken also under the device lock.
+    mutable Nvk::CXMutex m_ErrorMutex;
+    std::string m_strLastError GUARDED_BY(m_ErrorMutex);
+    unsigned long m_nLastError GUARDED_BY(m_ErrorMutex) = 0;
+
+    // Locks of their own: the event sink and the channels. The vector is
+    // made in the constructor and never resized.
     std::unique_ptr<ClXEvents> m_pEvents;
-    Nvk::utilities::ClSimpleBitmap m_RawBitmap;
-    std::unique_ptr<unsigned char> m_pFakeFingerOverride;
-    bool m_bScannerInitialized = false;
     std::vector<ClNorvakKR7Channel> m_vChannels;
-    void* m_pOwner = nullptr;
-    std::uint32_t m_nCalibratedImageSize = 0;
+    // Unguarded atomics: written under the device lock, except that
+    // StopCapture forgets the active channel without it.
     std::atomic<unsigned int> m_nActiveChannel{kNoChannel};
     std::atomic<unsigned int> m_nCurrentChannel{1};
-
-    // The device lock: recursion depth and an event waiting for the
-    // outermost UnLock, both touched only by the thread holding the lock.
-    std::recursive_mutex m_DeviceMutex;
-    int m_nLockDepth = 0;
-    bool m_bFakeFingerPending = false;
-    std::atomic<std::thread::id> m_LockOwner{};
 };
 
 // Callback for the logging library's events (enable, disable, level) on the

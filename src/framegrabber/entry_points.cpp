@@ -1,10 +1,10 @@
 // Symbols the host resolves after loading the plug-in.
-#include <mutex>
 #include <string>
 #include <type_traits>
 
 #include "base/framegrabber.h"
 #include "framegrabber/norvak_kr7_framegrabber.h"
+#include "util/mutex.h"
 
 #define KR7_EXPORT __attribute__((visibility("default")))
 
@@ -14,15 +14,15 @@ namespace {
 
 // Serialises creation and destruction of the object. Never held while the
 // object is deleted: the destructor joins the capture threads.
-std::mutex g_EntryMutex;
+Nvk::CXMutex g_EntryMutex;
 }  // namespace
 
 // The one frame-grabber object of the process, or null.
 extern "C" {
-KR7_EXPORT vc::ClFramegrabber* m_pFrameGrabber = nullptr;
+KR7_EXPORT vc::ClFramegrabber* m_pFrameGrabber GUARDED_BY(g_EntryMutex) = nullptr;
 
 KR7_EXPORT vc::ClFramegrabber* GetFrameGrabber() {
-    std::lock_guard<std::mutex> lock(g_EntryMutex);
+    Nvk::CXLock lock(g_EntryMutex);
     if (m_pFrameGrabber == nullptr) {
         // A throwing constructor releases the memory and leaves the global
         // null; the exception goes on to the host.
@@ -34,7 +34,7 @@ KR7_EXPORT vc::ClFramegrabber* GetFrameGrabber() {
 KR7_EXPORT void DestroyFrameGrabber() {
     vc::ClFramegrabber* grabber = nullptr;
     {
-        std::lock_guard<std::mutex> lock(g_EntryMutex);
+        Nvk::CXLock lock(g_EntryMutex);
         grabber = m_pFrameGrabber;
         m_pFrameGrabber = nullptr;
     }

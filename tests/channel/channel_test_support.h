@@ -330,6 +330,7 @@ public:
             return false;
         }
         if (nextDetector) {
+            Nvk::CXLock lock(this->m_DetectionMutex);
             this->m_pDetection = std::move(nextDetector);
         }
         return Base::Start();

@@ -25,6 +25,7 @@
 #include "base/errors.h"
 #include "calibration/calibration_header.h"
 #include "device/calibration_binding.h"
+#include "device/device_lock.h"
 #include "device/device_test_support.h"
 #include "device/norvak_kr7_sdk.h"
 #include "device/settings.h"
@@ -403,6 +404,7 @@ TEST_F(Virtual_SdkDevice, EachInitializationStepReportsItsFailure) {
         SCOPED_TRACE(std::string(c.units) + c.faults + " " + c.outcome);
         Configure("empty 60s;", c.units, c.faults);
         ClNorvakKR7SDK sdk(nullptr);
+        vc::CXDeviceLock lock(sdk);
         if (!c.block.empty()) {
             ASSERT_TRUE(sdk.Scanner().Initialize());
             ASSERT_TRUE(sdk.Scanner().WriteRaw(c.block.data(), unsigned(c.block.size())));
@@ -494,6 +496,7 @@ TEST_F(Virtual_SdkDevice, ContaminationOfTheCleanAndTheDirtyPlaten) {
 
 TEST_F(Virtual_SdkDevice, CalibrationLibraryErrorsComeWithItsTextAndCode) {
     ClNorvakKR7SDK sdk(nullptr);
+    vc::CXDeviceLock lock(sdk);
     sdk.InitializeScanner();
     EXPECT_EQ("KR7SIM CAL 1.0.0", sdk.Calibration()->Revision());
     // Calibration files: a 100-byte header, then the unit's optics record.
@@ -570,12 +573,14 @@ TEST_F(SdkWithoutDevice, ScannerErrorsOfAFailedCapture) {
     EXPECT_FALSE(sdk.CheckScannerError(0x20000002));  // no lock held: at once
     EXPECT_THAT(host.Events(), ElementsAre("3 1 19 0 host"));
     // Under the device lock the event waits for the outermost UnLock.
-    sdk.Lock();
-    sdk.Lock();
-    EXPECT_FALSE(sdk.CheckScannerError(0x20000002));
-    sdk.UnLock();
-    EXPECT_EQ(1u, host.Events().size());
-    sdk.UnLock();
+    {
+        vc::CXDeviceLock outer(sdk);
+        [&sdk] {
+            vc::CXDeviceLock inner(sdk);
+            EXPECT_FALSE(sdk.CheckScannerError(0x20000002));
+        }();
+        EXPECT_EQ(1u, host.Events().size());
+    }
     EXPECT_EQ(2u, host.Events().size());
     const struct {
         unsigned long code;
