@@ -33,6 +33,7 @@
 
 #include "channel/channel.h"
 #include "device/calibration_binding.h"
+#include "device/device_lock.h"
 #include "device/norvak_kr7_sdk.h"
 #include "support/allocation_count.h"
 #include "support/memcpy_ratio.h"
@@ -58,6 +59,7 @@ struct Device {
         }
         sdk.reset(new vc::ClNorvakKR7SDK(nullptr));
         sdk->SetActiveChannel(channel, live);  // opens, reads the calibration, shapes `live`
+        const vc::CXDeviceLock lock(*sdk);
         FTRSCAN_IMAGE_SIZE size{};
         if (!sdk->Scanner().GetImageSize(&size)) {
             throw std::runtime_error("no image size");
@@ -113,6 +115,7 @@ void TimeSteps(benchmark::State& state, const std::function<void()>& step) {
 void BM_Capture(benchmark::State& state) {
     TimeSteps(state, [] {
         Device& d = TheDevice();
+        const vc::CXDeviceLock lock(*d.sdk);
         benchmark::DoNotOptimize(d.sdk->Scanner().GetImageByDose(d.raw.Pixel(), 60));
     });
 }
@@ -125,6 +128,7 @@ void BM_Calibration(benchmark::State& state) {
     TimeSteps(state, [] {
         Device& d = TheDevice();
         unsigned int size = static_cast<unsigned int>(d.calibrated.size());
+        const vc::CXDeviceLock lock(*d.sdk);
         d.sdk->Calibration()->CalibrateBitmap(
             d.raw.Header(), d.RawSize(),
             reinterpret_cast<tagBITMAPINFOHEADER*>(d.calibrated.data()), &size);
