@@ -461,17 +461,11 @@ TEST_F(Virtual_SdkDevice, ScannerListSelectionAndInformation) {
         info += std::string(part) + '\0';
     }
     info += '\0';
-    unsigned long size = 0;
-    EXPECT_EQ("17: More data are available", Thrown([&] { sdk.GetSDKInfo(nullptr, size); }));
-    ASSERT_EQ(info.size(), size);
-    std::string buffer(size + 2, 'x');
-    sdk.GetSDKInfo(&buffer[0], size);
-    EXPECT_EQ(info + "xx", buffer);
-    buffer.assign(size, 'x');
-    size = 10;
+    std::string buffer(info.size() + 2, 'x');
+    unsigned long size = buffer.size();
     sdk.GetSDKInfo(&buffer[0], size);
     EXPECT_EQ(info.size(), size);
-    EXPECT_EQ(info.substr(0, 10) + std::string(info.size() - 10, 'x'), buffer);
+    EXPECT_EQ(info + "xx", buffer);
 }
 
 TEST_F(Virtual_SdkDevice, ContaminationOfTheCleanAndTheDirtyPlaten) {

@@ -207,36 +207,6 @@ TEST(FramegrabberFacade, ListCopies) {
     ExpectList(&ClNorvakKR7Framegrabber::AvailableProperties, {3, 6, 7, 8});
 }
 
-TEST(FramegrabberFacade, TextGettersAnswerSizeQueriesAndCutCopies) {
-    ClNorvakKR7Framegrabber fg(nullptr);
-    fg.SetLastFGError(4, vc::err::kBadChannelText);
-    using Getter = unsigned int (ClNorvakKR7Framegrabber::*)(char*, unsigned long&);
-    const struct {
-        Getter get;
-        std::string text;
-    } getters[] = {{&ClNorvakKR7Framegrabber::GetVersion, "1.13.38.0"},
-                   {&ClNorvakKR7Framegrabber::GetLastError, vc::err::kBadChannelText}};
-    for (const auto& g : getters) {
-        SCOPED_TRACE(g.text);
-        const unsigned long needed = g.text.size() + 1;
-        unsigned long size = 0;
-        EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*g.get)(nullptr, size));
-        EXPECT_EQ(needed, size);
-        char buffer[64];
-        std::memset(buffer, '#', sizeof buffer);
-        size = 4;
-        EXPECT_EQ(0u, (fg.*g.get)(buffer, size));
-        EXPECT_EQ(needed, size);
-        EXPECT_EQ(g.text.substr(0, 4) + "#", std::string(buffer, 5));  // cut, no terminator
-        size = sizeof buffer;
-        EXPECT_EQ(0u, (fg.*g.get)(buffer, size));
-        EXPECT_EQ(needed, size);
-        EXPECT_EQ(g.text, buffer);
-        EXPECT_EQ('#', buffer[needed]);
-    }
-    EXPECT_EQ(4u, LastCode(fg));  // neither getter changes the last error
-}
-
 // ---- against the virtual scanner ------------------------------------------
 
 class Virtual_Facade : public ::testing::Test {
@@ -259,19 +229,54 @@ void ExpectBitmap(const unsigned char* image) {
     EXPECT_EQ(8, bits);
 }
 
+// The three text getters, before Initizalize: a null buffer asks for the
+// size; otherwise as much as fits is copied, cut without a terminator, and
+// nothing past it. Only GetInfo's size query leaves a last error.
+TEST_F(Virtual_Facade, TextGetters) {
+    using Getter = unsigned int (ClNorvakKR7Framegrabber::*)(char*, unsigned long&);
+    const auto terminated = [](const char* text) { return std::string(text) + '\0'; };
+    const struct {
+        Getter get;
+        std::string text;  // the whole text; GetInfo's list only begins so
+        const char* queryError;
+    } getters[] = {
+        {&ClNorvakKR7Framegrabber::GetVersion, terminated("1.13.38.0"), vc::err::kBadChannelText},
+        {&ClNorvakKR7Framegrabber::GetLastError, terminated(vc::err::kBadChannelText),
+         vc::err::kBadChannelText},
+        {&ClNorvakKR7Framegrabber::GetInfo, terminated("Norvak QV2 scanner"),
+         vc::err::kMoreDataText},
+    };
+    for (const auto& g : getters) {
+        SCOPED_TRACE(g.text);
+        fg.SetLastFGError(4, vc::err::kBadChannelText);
+        unsigned long needed = 0;
+        EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*g.get)(nullptr, needed));
+        EXPECT_EQ(g.queryError, LastText(fg));
+        fg.SetLastFGError(4, vc::err::kBadChannelText);
+
+        std::string whole(needed + 8, '#');
+        unsigned long size = whole.size();
+        ASSERT_EQ(0u, (fg.*g.get)(&whole[0], size));
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(std::string(8, '#'), whole.substr(needed));
+        whole.resize(needed);
+        EXPECT_EQ('\0', whole.back());
+        EXPECT_EQ(g.text, g.get == &ClNorvakKR7Framegrabber::GetInfo
+                              ? whole.substr(0, g.text.size())
+                              : whole);
+        for (unsigned long room : {0ul, 4ul, needed - 1, needed}) {
+            std::string buffer(needed + 1, '#');
+            size = room;
+            EXPECT_EQ(0u, (fg.*g.get)(&buffer[0], size)) << room;
+            EXPECT_EQ(needed, size);
+            EXPECT_EQ(whole.substr(0, room) + std::string(needed + 1 - room, '#'), buffer) << room;
+        }
+        EXPECT_EQ(vc::err::kBadChannelText, LastText(fg));  // copies leave the last error
+    }
+}
+
 TEST_F(Virtual_Facade, LifeCycleAroundInitialisation) {
     using Client = Nvk::utilities::ClLoggingFacilityClient;
-    // Before Initizalize everything works, only without logging.
-    unsigned long size = 0;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.GetInfo(nullptr, size));
-    EXPECT_EQ(vc::err::kMoreDataText, LastText(fg));
-    std::vector<char> info(size, '#');
-    const unsigned long needed = size;
-    size = 5;
-    EXPECT_EQ(0u, fg.GetInfo(info.data(), size));
-    EXPECT_EQ(needed, size);
-    EXPECT_EQ("Norva#", std::string(info.data(), 6));
-
     EXPECT_EQ(0u, fg.Initizalize(nullptr));
     EXPECT_NE(nullptr, Client::m_fpLogInstance.load());
     EXPECT_EQ(0u, fg.SetFGProperty(vc::ePropGreenLED, 100));
