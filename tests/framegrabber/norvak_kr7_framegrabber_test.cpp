@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -174,37 +175,42 @@ TEST(FramegrabberFacade, ChannelsOtherThanOneAreRefused) {
     }
 }
 
-// A null array, a short one and one with room to spare; the last error is
-// never touched.
+// Each list copy with no array and with arrays of every size from none to
+// one to spare: 17 while the list does not fit, count set to its length,
+// the entries that fit copied and nothing past the room given; the last
+// error is never touched.
 template <class Id>
 void ExpectList(unsigned int (ClNorvakKR7Framegrabber::*copy)(Id*, unsigned long&),
                 const std::vector<std::uint32_t>& expected) {
+    static_assert(sizeof(Id) == sizeof(std::uint32_t));
     ClNorvakKR7Framegrabber fg(nullptr);
     fg.SetLastFGError(kSentinelCode, "earlier error");
     const unsigned long n = expected.size();
-    std::vector<std::uint32_t> buffer(n + 1, 0xEEEEEEEEu);
-    Id* list = reinterpret_cast<Id*>(buffer.data());
     unsigned long count = 5;
     EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*copy)(nullptr, count));
     EXPECT_EQ(n, count);
-    count = n - 1;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*copy)(list, count));
-    EXPECT_EQ(n, count);
-    EXPECT_EQ(0xEEEEEEEEu, buffer[n - 1]);  // nothing beyond the room given
-    count = n + 1;
-    EXPECT_EQ(0u, (fg.*copy)(list, count));
-    EXPECT_EQ(n, count);
-    buffer.pop_back();
-    EXPECT_EQ(expected, buffer);
+    for (unsigned long room = 0; room <= n + 1; ++room) {
+        std::vector<std::uint32_t> buffer(n + 2, 0xEEEEEEEEu);
+        count = room;
+        EXPECT_EQ(room < n ? vc::FGERR_FLAG | vc::FGERR_MORE_DATA : 0u,
+                  (fg.*copy)(reinterpret_cast<Id*>(buffer.data()), count))
+            << room;
+        EXPECT_EQ(n, count);
+        std::vector<std::uint32_t> copied(expected.begin(), expected.begin() + std::min(room, n));
+        copied.resize(n + 2, 0xEEEEEEEEu);
+        EXPECT_EQ(copied, buffer) << room;
+    }
     EXPECT_EQ(kSentinelCode, LastCode(fg));
 }
 
 TEST(FramegrabberFacade, ListCopies) {
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableCameras, {8});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableColorModes, {0});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableDetections, {0, 1});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableFilters, {0});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableProperties, {3, 6, 7, 8});
+    using namespace vc;
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableCameras, {eCameraKR7});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableColorModes, {eColorGray8});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableDetections, {eCaptureLive, eCapturePlainFinger});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableFilters, {eFilterNone});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableProperties,
+               {ePropFixedOne, ePropFakeFingerDetection, ePropRedLED, ePropGreenLED});
 }
 
 // ---- against the virtual scanner ------------------------------------------
