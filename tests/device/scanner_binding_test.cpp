@@ -3,16 +3,11 @@
 // (read back from the stand-in's call journal or from the device itself), how
 // injected failures come back to the caller, and how the binding copes with
 // an API without the extended group, with an incomplete one and with none.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -31,76 +26,23 @@ using ::testing::StartsWith;
 using vc::ClFutronicBaseSDK;
 using vc::ClQV2APILib;
 using vc::DeviceInfo;
-using Lines = std::vector<std::string>;
 
 constexpr unsigned int kFrameBytes = 320 * 480;  // the stand-in's default frame
 constexpr const char* kNotSupported = "22: The QV2-scanner hardware version is not supported";
 const std::string kZeroSerial(8, '\0');
 
 bool ApiResident() {
-    void* handle = dlopen("libQV2ScanAPI.so", RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr) {
-        dlclose(handle);
-    }
-    return handle != nullptr;
+    return kr7test::Resident("libQV2ScanAPI.so");
 }
 
 using kr7test::Thrown;
 
-// The stand-in reads its KR7SIM_* variables whenever it is loaded, and the
-// binding unloads it with the last wrapper, so each wrapper constructed
-// after Configure sees a freshly configured scanner. Every test journals
-// the API calls into its own file.
-class ScannerTest : public ::testing::Test {
+// Each test gives its units and fault rules; no finger on the platen.
+class ScannerTest : public kr7test::StandInTest {
 protected:
-    void SetUp() override {
-        ASSERT_FALSE(ApiResident()) << "an earlier test left the scanner API loaded";
-        std::string path = ::testing::TempDir() + "kr7_journal_XXXXXX";
-        const int fd = mkstemp(path.data());
-        ASSERT_GE(fd, 0);
-        close(fd);
-        m_journal = path;
-        Configure("", "");
-    }
-    void TearDown() override {
-        for (const char* name :
-             {"KR7SIM_UNITS", "KR7SIM_FAULTS", "KR7SIM_JOURNAL", "KR7SIM_SCENARIO"}) {
-            unsetenv(name);
-        }
-        std::remove(m_journal.c_str());
-    }
-
     void Configure(const std::string& units, const std::string& faults) {
-        setenv("KR7SIM_UNITS", units.c_str(), 1);
-        setenv("KR7SIM_FAULTS", faults.c_str(), 1);
-        setenv("KR7SIM_JOURNAL", m_journal.c_str(), 1);
-        setenv("KR7SIM_SCENARIO", "empty 60s; hold", 1);  // no finger: quick frames
+        StandInTest::Configure("empty 60s;", units, faults);
     }
-
-    // The journal's calls without sequence and thread numbers, from line
-    // `from` on.
-    Lines Journal(std::size_t from = 0) const {
-        std::ifstream in(m_journal);
-        Lines lines;
-        for (std::string line; std::getline(in, line);) {
-            const std::size_t thread = line.find(' ');
-            const std::size_t call = line.find(' ', thread + 1);
-            lines.push_back(call == std::string::npos ? line : line.substr(call + 1));
-        }
-        lines.erase(lines.begin(), lines.begin() + std::min(from, lines.size()));
-        return lines;
-    }
-    Lines CallsOf(const std::string& entry) const {
-        Lines calls;
-        for (const std::string& line : Journal()) {
-            if (line.rfind(entry + "(", 0) == 0) {
-                calls.push_back(line);
-            }
-        }
-        return calls;
-    }
-
-    std::string m_journal;
 };
 
 using Virtual_ScannerLoading = ScannerTest;
@@ -389,7 +331,7 @@ TEST_F(Virtual_ScannerMemory, StreamRoundTrip) {
     EXPECT_EQ(text, back);
     sdk.ResetStream();
     ASSERT_TRUE(sdk.ReadRaw(&back[0], 4));
-    EXPECT_THAT(CallsOf("ftrScanRestoreExtMemory"),
+    EXPECT_THAT(CallsWith("ftrScanRestoreExtMemory("),
                 ElementsAre(HasSubstr("offset 0, count 20"), HasSubstr("offset 20, count 19"),
                             HasSubstr("offset 0, count 4")));
     // Reading past the end is refused by the device (87): a system error.
@@ -420,10 +362,10 @@ TEST_F(Virtual_ScannerMemory, AFailedTransferThrowsAndDoesNotAdvance) {
         EXPECT_TRUE(transfer());
         EXPECT_EQ(c.thrown, Thrown(transfer));
         EXPECT_TRUE(transfer());
-        EXPECT_THAT(CallsOf(c.entry), ElementsAre(HasSubstr("offset 0, count 16) -> 1"),
-                                                  HasSubstr("offset 16, count 16) -> 0 error"),
-                                                  HasSubstr("offset 16, count 16) -> 1")));
-        std::remove(m_journal.c_str());
+        EXPECT_THAT(CallsWith(std::string(c.entry) + "("),
+                    ElementsAre(HasSubstr("offset 0, count 16) -> 1"),
+                                HasSubstr("offset 16, count 16) -> 0 error"),
+                                HasSubstr("offset 16, count 16) -> 1")));
     }
 }
 

@@ -3,15 +3,12 @@
 // scanner's initialisation, properties, scanner selection and information,
 // contamination, calibration errors, frame preparation, settings, and host
 // calls racing a capture that loses its scanner.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -28,9 +25,13 @@
 #include "device/device_test_support.h"
 #include "device/norvak_kr7_sdk.h"
 #include "device/settings.h"
+#include "support/eventually.h"
 
 namespace {
 
+using kr7test::Eventually;
+using kr7test::Lines;
+using kr7test::Thrown;
 using Nvk::utilities::ClSimpleBitmap;
 using ::testing::Contains;
 using ::testing::Each;
@@ -39,20 +40,8 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 using vc::ClNorvakKR7SDK;
-using Lines = std::vector<std::string>;
 
 constexpr const char* kInitFailed = "QV2 scanner. The scanner couldn't be initialized.";
-
-using kr7test::Thrown;
-
-template <class Done>
-bool Eventually(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
-}
 
 std::string LastError(const ClNorvakKR7SDK& sdk) {
     unsigned long code = 0;
@@ -137,57 +126,7 @@ private:
     Lines m_Errors, m_Events;
 };
 
-// Every test starts with no stand-in loaded: the SDK unloads both with its
-// last object, and the scanner API reads its KR7SIM_* variables at its first
-// call after a load. The API calls are journalled into the test's folder.
-class SdkTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        for (const char* library : {"libQV2ScanAPI.so", "libnorvakcalibratesdk.so"}) {
-            void* handle = dlopen(library, RTLD_NOW | RTLD_NOLOAD);
-            ASSERT_EQ(nullptr, handle) << "an earlier test left " << library << " loaded";
-        }
-        std::string folder = ::testing::TempDir() + "kr7_sdk_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(folder.data()));
-        m_dir = folder;
-        m_journal = m_dir + "/journal.txt";
-        Configure("empty 60s;");
-    }
-    void TearDown() override {
-        for (const char* name :
-             {"KR7SIM_SCENARIO", "KR7SIM_UNITS", "KR7SIM_FAULTS", "KR7SIM_JOURNAL"}) {
-            unsetenv(name);
-        }
-        std::filesystem::remove_all(m_dir);
-    }
-
-    void Configure(const std::string& scenario, const std::string& units = "",
-                   const std::string& faults = "") {
-        setenv("KR7SIM_SCENARIO", scenario.c_str(), 1);
-        setenv("KR7SIM_UNITS", units.c_str(), 1);
-        setenv("KR7SIM_FAULTS", faults.c_str(), 1);
-        setenv("KR7SIM_JOURNAL", m_journal.c_str(), 1);
-        unsetenv("KR7SIM_REALTIME");
-        std::remove(m_journal.c_str());
-    }
-    // The journal's lines without their sequence numbers: "t<thread> call".
-    Lines Journal() const {
-        std::ifstream in(m_journal);
-        Lines lines;
-        for (std::string line; std::getline(in, line);) {
-            lines.push_back(line.substr(std::min(line.find(' ') + 1, line.size())));
-        }
-        return lines;
-    }
-    long JournalCount(const std::string& text) const {
-        const Lines lines = Journal();
-        return std::count_if(lines.begin(), lines.end(),
-                             [&](const std::string& line) { return line.find(text) != line.npos; });
-    }
-
-    std::string m_dir, m_journal;
-};
-
+using SdkTest = kr7test::StandInTest;
 using Virtual_SdkCapture = SdkTest;
 using Virtual_SdkDevice = SdkTest;
 using Virtual_SdkConcurrency = SdkTest;
@@ -269,7 +208,7 @@ TEST_F(Virtual_SdkCapture, RefusedFramesAreSkippedSilently) {
             sdk.StopCapture(1);
         }
         EXPECT_THAT(host.Errors(), ElementsAre());
-        EXPECT_GE(JournalCount(c.error), 5);
+        EXPECT_GE(CallsWith(c.error).size(), 5u);
         // A fake finger is an event on the channel's worker, none without a callback.
         EXPECT_EQ(c.callback, !host.Events().empty());
         EXPECT_THAT(host.Events(), Each("77 1 19 0 worker"));
@@ -286,7 +225,7 @@ TEST_F(Virtual_SdkCapture, UnplugEndsTheCaptureAndAReplugCapturesAgain) {
     EXPECT_THAT(host.Errors(), ElementsAre("The scanner is disconnected."));
     EXPECT_GE(host.Images().size(), 5u);
     EXPECT_FALSE(sdk.IsScannerInitialized());
-    EXPECT_EQ(1, JournalCount("ftrScanCloseDevice(h1) -> 1"));
+    EXPECT_EQ(1u, CallsWith("ftrScanCloseDevice(h1) -> 1").size());
     EXPECT_EQ("31: The scanner is disconnected.", LastError(sdk));
     // Until the unit is back the scanner cannot be opened.
     std::string outcome;
@@ -346,7 +285,7 @@ TEST_F(Virtual_SdkCapture, LEDsAreLitAgainAfterEveryCapture) {
     // A capture switches the LEDs off; the worker sends the ones the SDK lit
     // again straight after, and nothing while both are dark.
     const std::string leds = "ftrScanSetDiodesStatus(h1, ", dark = "green 0, red 0";
-    const Lines lines = Journal();
+    const Lines lines = Journal(0, true);
     std::string lit = dark;
     int restored = 0;
     for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
