@@ -49,7 +49,6 @@ using Virtual_ScannerLoading = ScannerTest;
 using Virtual_ScannerCapture = ScannerTest;
 using Virtual_ScannerIdentity = ScannerTest;
 using Virtual_ScannerMemory = ScannerTest;
-using Virtual_ScannerFailures = ScannerTest;
 using NoExtended_Scanner = ScannerTest;
 using NoBaseEntry_Scanner = ScannerTest;
 using NoLibraries_Scanner = ScannerTest;
@@ -88,16 +87,6 @@ TEST_F(Virtual_ScannerLoading, OpensReopensClosesAndUnloads) {
                                            "ftrScanCloseDevice(h2) -> 1"));
     }
     EXPECT_FALSE(ApiResident());
-}
-
-TEST_F(Virtual_ScannerFailures, OpeningFails) {
-    Configure("", "ftrScanOpenDevice@1=21");
-    ClFutronicBaseSDK sdk;
-    EXPECT_FALSE(sdk.Initialize());
-    EXPECT_FALSE(sdk.IsOpen());
-    EXPECT_EQ(21u, sdk.GetLastError());
-    EXPECT_FALSE(sdk.Unitialize());  // nothing to close
-    EXPECT_TRUE(sdk.Initialize());
 }
 
 // One capture wrapper, the entry it reaches, and the error injected into

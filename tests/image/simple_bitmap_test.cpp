@@ -289,11 +289,3 @@ TEST(SimpleBitmap, SaveWritesBmpFile) {
     EXPECT_EQ(SaveError(bmp, "/nonexistent-dir/x.bmp"), ENOENT);
     EXPECT_EQ(SaveError(bmp, nullptr), EINVAL);
 }
-
-TEST(Geometry, RectArgumentOrderDiffersFromStorage) {
-    const Nvk::CLRect r(10, 20, 50, 80);  // top, left, bottom, right
-    EXPECT_EQ(r.left, 20);
-    EXPECT_EQ(r.bottom, 50);
-    EXPECT_EQ(Nvk::CLSize(r).width, 60);
-    EXPECT_EQ(Nvk::CLSize(r).height, 40);
-}
