@@ -12,10 +12,12 @@
 
 #include "framegrabber/norvak_kr7_framegrabber.h"
 #include "support/eventually.h"
+#include "util/logging_client.h"
 
 namespace {
 
 using vc::ClNorvakKR7Framegrabber;
+using Client = Nvk::utilities::ClLoggingFacilityClient;
 
 using kr7test::Eventually;
 
@@ -56,24 +58,29 @@ protected:
 };
 
 TEST_F(Virtual_HostileHost, CallsOutOfOrder) {
-    // A capture before Initizalize runs; Initizalize during it, and a
-    // second time, change nothing for it.
+    // A capture before Initizalize runs; Initizalize during it switches
+    // logging on and changes nothing for the capture, nor does a second one.
     ASSERT_EQ(0u, counter.Start(fg));
     ASSERT_TRUE(counter.FramesFlow());
     EXPECT_EQ(0u, fg.Initizalize(nullptr));
+    EXPECT_NE(nullptr, Client::m_fpLogInstance.load());
     EXPECT_EQ(0u, fg.Initizalize(nullptr));
     ASSERT_TRUE(counter.FramesFlow());
     EXPECT_EQ(0, counter.errors.load());
 
-    // Uninitialize ends the capture; stopping it afterwards is harmless,
-    // and everything works again afterwards, also a second Uninitialize.
+    // Uninitialize ends the capture, closes the scanner and switches logging
+    // off; stopping afterwards is harmless, and everything works again (the
+    // scanner opened again), also a second Uninitialize.
     EXPECT_EQ(0u, fg.Uninitialize());
     EXPECT_EQ(counter.starts.load(), counter.stops.load());
+    EXPECT_FALSE(fg.IsScannerInitialized());
+    EXPECT_EQ(nullptr, Client::m_fpLogInstance.load());
     EXPECT_EQ(0u, fg.StopCapture(1));
     EXPECT_EQ(0u, fg.StopCapture(1));
     unsigned int value = 0;
     EXPECT_EQ(0u, fg.SetFGProperty(vc::ePropRedLED, 1));
     EXPECT_EQ(0u, fg.GetFGProperty(vc::ePropRedLED, value));
+    EXPECT_EQ(100u, value);
     ASSERT_EQ(0u, counter.Start(fg, vc::eCapturePlainFinger));
     ASSERT_TRUE(counter.FramesFlow());
     EXPECT_EQ(0u, fg.Uninitialize());

@@ -1,7 +1,7 @@
 // The frame grabber facade in process: checks against the lists and the
 // forward that follows them, result flags and the last error, list copies,
-// text getters, the life cycle and host calls made from inside the host's
-// own callbacks. Suites named Virtual_* run against the virtual scanner;
+// text getters, the end of a running capture and host calls made from
+// inside the host's own callbacks. Suites named Virtual_* run against the virtual scanner;
 // the others with no closed library reachable.
 #include "framegrabber/norvak_kr7_framegrabber.h"
 
@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "support/eventually.h"
-#include "util/logging_client.h"
 
 namespace {
 
@@ -279,28 +278,6 @@ TEST_F(Virtual_Facade, TextGetters) {
         }
         EXPECT_EQ(vc::err::kBadChannelText, LastText(fg));  // copies leave the last error
     }
-}
-
-TEST_F(Virtual_Facade, LifeCycleAroundInitialisation) {
-    using Client = Nvk::utilities::ClLoggingFacilityClient;
-    EXPECT_EQ(0u, fg.Initizalize(nullptr));
-    EXPECT_NE(nullptr, Client::m_fpLogInstance.load());
-    EXPECT_EQ(0u, fg.SetFGProperty(vc::ePropGreenLED, 100));
-    unsigned int value = 0;
-    EXPECT_EQ(0u, fg.GetFGProperty(vc::ePropGreenLED, value));
-    EXPECT_EQ(100u, value);
-
-    // Uninitialize closes the scanner and switches logging off; the next
-    // operation opens the scanner again.
-    EXPECT_EQ(0u, fg.Uninitialize());
-    EXPECT_EQ(nullptr, Client::m_fpLogInstance.load());
-    EXPECT_FALSE(fg.IsScannerInitialized());
-    unsigned char* image = nullptr;
-    EXPECT_EQ(0u, fg.GetImage(1, &image));
-    ExpectBitmap(image);
-    EXPECT_EQ(0u, fg.FreeImage(image));
-    EXPECT_EQ(0u, fg.Uninitialize());
-    EXPECT_EQ(0u, fg.Uninitialize());
 }
 
 // What a capture delivered, and what the host's image callback does.
