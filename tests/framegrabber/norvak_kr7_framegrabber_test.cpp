@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/eventually.h"
+#include "capture.h"
 
 namespace {
 
@@ -36,6 +36,7 @@ const bool kScenario = [] {
 constexpr int kUntouched = -1;
 constexpr unsigned long kSentinelCode = 77;
 
+using kr7test::Capture;
 using kr7test::Eventually;
 
 unsigned long LastCode(ClNorvakKR7Framegrabber& fg) {
@@ -221,19 +222,6 @@ protected:
     void TearDown() override { fg.Uninitialize(); }
 };
 
-// Header of a block handed out by GetImage or a callback.
-void ExpectBitmap(const unsigned char* image) {
-    ASSERT_NE(nullptr, image);
-    std::int32_t fields[3] = {};  // header size, width, height
-    std::uint16_t bits = 0;
-    std::memcpy(fields, image, sizeof fields);
-    std::memcpy(&bits, image + 14, 2);
-    EXPECT_EQ(40, fields[0]);
-    EXPECT_GT(fields[1], 100);
-    EXPECT_GT(fields[2], 100);
-    EXPECT_EQ(8, bits);
-}
-
 // The three text getters, before Initizalize: a null buffer asks for the
 // size; otherwise as much as fits is copied, cut without a terminator, and
 // nothing past it. Only GetInfo's size query leaves a last error.
@@ -280,47 +268,10 @@ TEST_F(Virtual_Facade, TextGetters) {
     }
 }
 
-// What a capture delivered, and what the host's image callback does.
-struct Capture {
-    ClNorvakKR7Framegrabber* fg = nullptr;
-    enum Reaction { None, Stop, Snap } reaction = None;
-    std::atomic<int> images{0};
-    std::atomic<int> errors{0};
-    std::atomic<int> stops{0};
-    std::atomic<bool> reacted{false};
-    std::atomic<unsigned int> reactionResult{0xFFFFFFFFu};
-
-    static void OnImage(int, unsigned int, unsigned char* image, void* user) {
-        auto& self = *static_cast<Capture*>(user);
-        ++self.images;
-        ExpectBitmap(image);
-        if (self.reaction == None || self.reacted.exchange(true)) {
-            return;
-        }
-        unsigned char* snapped = nullptr;
-        self.reactionResult =
-            self.reaction == Stop ? self.fg->StopCapture(1) : self.fg->GetImage(1, &snapped);
-        if (self.reaction == Snap) {
-            ExpectBitmap(snapped);
-            self.fg->FreeImage(snapped);
-        }
-    }
-    static void OnError(int, unsigned int, const char*, void* user) {
-        ++static_cast<Capture*>(user)->errors;
-    }
-    static void OnStop(int, unsigned int, void* user) { ++static_cast<Capture*>(user)->stops; }
-
-    unsigned int Start(vc::eCaptureModeIDs mode = vc::eCaptureLive) {
-        fg->SetCallbacks(1, nullptr, &OnStop);
-        return fg->StartCapture(3, 1, mode, &OnImage, nullptr, &OnError, nullptr, this);
-    }
-};
-
 TEST_F(Virtual_Facade, StopAndGetImageFromTheHostsImageCallback) {
     for (Capture::Reaction reaction : {Capture::Stop, Capture::Snap}) {
         SCOPED_TRACE(reaction);
-        Capture capture;
-        capture.fg = &fg;
+        Capture capture(fg);
         capture.reaction = reaction;
         ASSERT_EQ(0u, capture.Start());
         ASSERT_TRUE(Eventually([&] { return capture.stops.load() == 1; }));
@@ -338,8 +289,7 @@ TEST_F(Virtual_Facade, StopAndGetImageFromTheHostsImageCallback) {
 }
 
 TEST_F(Virtual_Facade, UninitializeOrDestructionEndsARunningCapture) {
-    Capture capture;
-    capture.fg = &fg;
+    Capture capture(fg);
     ASSERT_EQ(0u, capture.Start(vc::eCapturePlainFinger));
     ASSERT_TRUE(Eventually([&] { return capture.images.load() > 3; }));
     EXPECT_EQ(0u, fg.Uninitialize());
@@ -351,8 +301,7 @@ TEST_F(Virtual_Facade, UninitializeOrDestructionEndsARunningCapture) {
 
     // A frame grabber destroyed while capturing stops first.
     auto doomed = std::make_unique<ClNorvakKR7Framegrabber>(nullptr);
-    Capture second;
-    second.fg = doomed.get();
+    Capture second(*doomed);
     ASSERT_EQ(0u, second.Start());
     ASSERT_TRUE(Eventually([&] { return second.images.load() > 3; }));
     doomed.reset();
