@@ -1,19 +1,17 @@
 // The frame grabber facade in process: checks against the lists and the
 // forward that follows them, result flags and the last error, list copies,
 // text getters, the end of a running capture and host calls made from
-// inside the host's own callbacks. Suites named Virtual_* run against the virtual scanner;
-// the others with no closed library reachable.
+// inside the host's own callbacks. Suites named Virtual_* run against the
+// virtual scanner; the others with no closed library reachable.
 #include "framegrabber/norvak_kr7_framegrabber.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
