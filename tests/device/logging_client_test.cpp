@@ -3,7 +3,6 @@
 // switch, which must leave the library and the arguments alone while off.
 #include "util/logging_client.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,7 +14,7 @@
 #include <sstream>
 #include <string>
 
-#include "base/errors.h"
+#include "device/device_test_support.h"
 #include "device/futronic_base_sdk.h"
 
 namespace {
@@ -26,20 +25,11 @@ using ::testing::StartsWith;
 using Client = Nvk::utilities::ClLoggingFacilityClient;
 
 bool LoggerResident() {
-    void* handle = dlopen("libnorvaklf.so", RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr) {
-        dlclose(handle);
-    }
-    return handle != nullptr;
+    return kr7test::Resident("libnorvaklf.so");
 }
 
 std::string CreateFailure() {
-    try {
-        Client::Create();
-    } catch (const Nvk::CXOtherException& e) {
-        return std::to_string(e.GetErrorNumber()) + ": " + e.GetDescription();
-    }
-    return "";
+    return kr7test::Thrown([] { Client::Create(); });
 }
 
 // Points the stand-in (read at its first message) at an empty file of its

@@ -3,15 +3,12 @@
 // scanner's initialisation, properties, scanner selection and information,
 // contamination, calibration errors, frame preparation, settings, and host
 // calls racing a capture that loses its scanner.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -29,31 +26,24 @@
 #include "device/device_test_support.h"
 #include "device/norvak_kr7_sdk.h"
 #include "device/settings.h"
+#include "support/eventually.h"
 
 namespace {
 
+using kr7test::Eventually;
+using kr7test::Lines;
+using kr7test::Thrown;
 using Nvk::utilities::ClSimpleBitmap;
 using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 using vc::ClNorvakKR7SDK;
-using Lines = std::vector<std::string>;
 
 constexpr const char* kInitFailed = "QV2 scanner. The scanner couldn't be initialized.";
-
-using kr7test::Thrown;
-
-template <class Done>
-bool Eventually(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
-}
+// A wait for frames that a sanitizer build on a busy machine still meets.
+constexpr std::chrono::seconds kFrameLimit(60);
 
 std::string LastError(const ClNorvakKR7SDK& sdk) {
     unsigned long code = 0;
@@ -117,7 +107,7 @@ public:
     Lines Errors() const { return Get(&Host::m_Errors); }
     Lines Events() const { return Get(&Host::m_Events); }
     bool WaitImages(std::size_t n) const {
-        return Eventually([&] { return Images().size() >= n; });
+        return Eventually([&] { return Images().size() >= n; }, kFrameLimit);
     }
 
 private:
@@ -138,62 +128,10 @@ private:
     Lines m_Errors, m_Events;
 };
 
-// Every test starts with no stand-in loaded: the SDK unloads both with its
-// last object, and the scanner API reads its KR7SIM_* variables at its first
-// call after a load. The API calls are journalled into the test's folder.
-class SdkTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        for (const char* library : {"libQV2ScanAPI.so", "libnorvakcalibratesdk.so"}) {
-            void* handle = dlopen(library, RTLD_NOW | RTLD_NOLOAD);
-            ASSERT_EQ(nullptr, handle) << "an earlier test left " << library << " loaded";
-        }
-        std::string folder = ::testing::TempDir() + "kr7_sdk_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(folder.data()));
-        m_dir = folder;
-        m_journal = m_dir + "/journal.txt";
-        Configure("empty 60s;");
-    }
-    void TearDown() override {
-        for (const char* name :
-             {"KR7SIM_SCENARIO", "KR7SIM_UNITS", "KR7SIM_FAULTS", "KR7SIM_JOURNAL"}) {
-            unsetenv(name);
-        }
-        std::filesystem::remove_all(m_dir);
-    }
-
-    void Configure(const std::string& scenario, const std::string& units = "",
-                   const std::string& faults = "") {
-        setenv("KR7SIM_SCENARIO", scenario.c_str(), 1);
-        setenv("KR7SIM_UNITS", units.c_str(), 1);
-        setenv("KR7SIM_FAULTS", faults.c_str(), 1);
-        setenv("KR7SIM_JOURNAL", m_journal.c_str(), 1);
-        unsetenv("KR7SIM_REALTIME");
-        std::remove(m_journal.c_str());
-    }
-    // The journal's lines without their sequence numbers: "t<thread> call".
-    Lines Journal() const {
-        std::ifstream in(m_journal);
-        Lines lines;
-        for (std::string line; std::getline(in, line);) {
-            lines.push_back(line.substr(std::min(line.find(' ') + 1, line.size())));
-        }
-        return lines;
-    }
-    long JournalCount(const std::string& text) const {
-        const Lines lines = Journal();
-        return std::count_if(lines.begin(), lines.end(),
-                             [&](const std::string& line) { return line.find(text) != line.npos; });
-    }
-
-    std::string m_dir, m_journal;
-};
-
+using SdkTest = kr7test::StandInTest;
 using Virtual_SdkCapture = SdkTest;
 using Virtual_SdkDevice = SdkTest;
 using Virtual_SdkConcurrency = SdkTest;
-using NoExtended_Sdk = SdkTest;
-using NoContamination_Sdk = SdkTest;
 using SdkWithoutDevice = SdkTest;
 
 TEST_F(Virtual_SdkCapture, FramesAreUprightCalibratedAndBrightAndFingersGiveResults) {
@@ -210,10 +148,12 @@ TEST_F(Virtual_SdkCapture, FramesAreUprightCalibratedAndBrightAndFingersGiveResu
         Host host;
         ClNorvakKR7SDK sdk(nullptr);
         host.Start(sdk, mode);
-        ASSERT_TRUE(Eventually([&] {  // until the finger has gone
-            const std::vector<Shot> images = host.Images();
-            return images.size() >= 90 && images.back().mean > 240;
-        }));
+        ASSERT_TRUE(Eventually(
+            [&] {  // until the finger has gone
+                const std::vector<Shot> images = host.Images();
+                return images.size() >= 90 && images.back().mean > 240;
+            },
+            kFrameLimit));
         sdk.StopCapture(1);
         EXPECT_THAT(host.Errors(), ElementsAre());
         const std::vector<Shot> images = host.Images();
@@ -270,7 +210,7 @@ TEST_F(Virtual_SdkCapture, RefusedFramesAreSkippedSilently) {
             sdk.StopCapture(1);
         }
         EXPECT_THAT(host.Errors(), ElementsAre());
-        EXPECT_GE(JournalCount(c.error), 5);
+        EXPECT_GE(CallsWith(c.error).size(), 5u);
         // A fake finger is an event on the channel's worker, none without a callback.
         EXPECT_EQ(c.callback, !host.Events().empty());
         EXPECT_THAT(host.Events(), Each("77 1 19 0 worker"));
@@ -282,12 +222,12 @@ TEST_F(Virtual_SdkCapture, UnplugEndsTheCaptureAndAReplugCapturesAgain) {
     Host host, again;  // outlive the SDK and its channel
     ClNorvakKR7SDK sdk(nullptr);
     host.Start(sdk, vc::eCaptureLive);
-    ASSERT_TRUE(Eventually([&] { return !host.Errors().empty(); }));
+    ASSERT_TRUE(Eventually([&] { return !host.Errors().empty(); }, kFrameLimit));
     sdk.StopCapture(1);
     EXPECT_THAT(host.Errors(), ElementsAre("The scanner is disconnected."));
     EXPECT_GE(host.Images().size(), 5u);
     EXPECT_FALSE(sdk.IsScannerInitialized());
-    EXPECT_EQ(1, JournalCount("ftrScanCloseDevice(h1) -> 1"));
+    EXPECT_EQ(1u, CallsWith("ftrScanCloseDevice(h1) -> 1").size());
     EXPECT_EQ("31: The scanner is disconnected.", LastError(sdk));
     // Until the unit is back the scanner cannot be opened.
     std::string outcome;
@@ -347,7 +287,7 @@ TEST_F(Virtual_SdkCapture, LEDsAreLitAgainAfterEveryCapture) {
     // A capture switches the LEDs off; the worker sends the ones the SDK lit
     // again straight after, and nothing while both are dark.
     const std::string leds = "ftrScanSetDiodesStatus(h1, ", dark = "green 0, red 0";
-    const Lines lines = Journal();
+    const Lines lines = Journal(0, true);
     std::string lit = dark;
     int restored = 0;
     for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
@@ -368,41 +308,32 @@ TEST_F(Virtual_SdkCapture, LEDsAreLitAgainAfterEveryCapture) {
     EXPECT_GE(restored, 12);
 }
 
-// A calibration block: header version, stated payload size and 8 bytes that
-// are no optics record.
-std::vector<unsigned char> Block(unsigned char version, unsigned int statedSize) {
+// A calibration block with its stated payload size and 8 bytes that are no
+// optics record.
+std::vector<unsigned char> Block(unsigned int statedSize) {
     const unsigned char payload[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     Nvk::ClQV2CalibrationHeader header;
     header.PutCalibrationData(payload, sizeof payload, nullptr, "");
     std::vector<unsigned char> block = header.Buffer();
-    block[0] = version;
     std::memcpy(&block[21], &statedSize, sizeof statedSize);
     return block;
 }
 
-TEST_F(Virtual_SdkDevice, EachInitializationStepReportsItsFailure) {
-    const std::string notSupported = std::string("22: ") + vc::err::kHardwareNotSupportedText;
+// The scanner's own failures while it is set up are rows of the host's
+// device-fault table; here the calibration block in its memory is unusable.
+TEST_F(Virtual_SdkDevice, AnUnusableCalibrationBlockIsReported) {
     const struct {
         const char* units;
-        const char* faults;
         std::vector<unsigned char> block;  // written to the memory first
         std::string outcome;
     } cases[] = {
-        {"", "ftrScanOpenDevice@1=21", {}, std::string("21: ") + kInitFailed},
-        {"", "ftrScanSetOptions@1=31", {}, "31: QV2 scanner. Set camara resolution failed."},
-        {"", "ftrScanSetOptions@1=0x20000004", {}, ""},
-        {"long=none", "", {}, ""},
-        {"", "ftrScanGetExtMemorySize@1=31", {}, "31: Read the scanner memory size failed."},
-        {"", "ftrScanRestoreExtMemory@1=8", {}, notSupported},
-        {"", "ftrScanRestoreExtMemory@1=31", {}, "system error"},
-        {"calibration=no", "", {}, "37: The header version is wrong."},
-        {"", "", Block(2, 8), "37: The header version is wrong."},
-        {"", "", Block(1, 5000), "37: The calibration data is corrupt."},
-        {"", "", Block(1, 8), "-11: The calibration data is malformed."},
+        {"calibration=no", {}, "37: The header version is wrong."},
+        {"", Block(5000), "37: The calibration data is corrupt."},
+        {"", Block(8), "-11: The calibration data is malformed."},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.units) + c.faults + " " + c.outcome);
-        Configure("empty 60s;", c.units, c.faults);
+        SCOPED_TRACE(c.outcome);
+        Configure("empty 60s;", c.units);
         ClNorvakKR7SDK sdk(nullptr);
         vc::CXDeviceLock lock(sdk);
         if (!c.block.empty()) {
@@ -410,70 +341,29 @@ TEST_F(Virtual_SdkDevice, EachInitializationStepReportsItsFailure) {
             ASSERT_TRUE(sdk.Scanner().WriteRaw(c.block.data(), unsigned(c.block.size())));
         }
         EXPECT_EQ(c.outcome, Thrown([&] { sdk.InitializeScanner(); }));
-        EXPECT_EQ(c.outcome.empty(), sdk.IsScannerInitialized());
-        EXPECT_EQ(c.outcome.empty(), sdk.Calibration() != nullptr);
+        EXPECT_FALSE(sdk.IsScannerInitialized());
+        EXPECT_EQ(nullptr, sdk.Calibration());
     }
 }
 
-TEST_F(NoExtended_Sdk, AScannerAPIWithoutTheExtendedGroupIsRefused) {
-    ClNorvakKR7SDK sdk(nullptr);
-    EXPECT_EQ("40: The QV2 API version isn't more supported",
-              Thrown([&] { sdk.InitializeScanner(); }));
-    EXPECT_FALSE(sdk.IsScannerInitialized());
-}
-
-TEST_F(NoContamination_Sdk, ACalibrationLibraryWithoutContaminationIsRefused) {
-    ClNorvakKR7SDK sdk(nullptr);
-    double result = -1;
-    const std::string outcome = Thrown([&] { sdk.ContaminationDetection(1, &result); });
-    EXPECT_THAT(outcome, StartsWith("-202: "));
-    EXPECT_THAT(outcome, HasSubstr("ContaminationDetection"));
-    EXPECT_FALSE(sdk.IsScannerInitialized());
-}
-
-TEST_F(Virtual_SdkDevice, ScannerListSelectionAndInformation) {
+// The packed information list of the selected scanner: product, serial
+// number, hardware and firmware versions, calibration revision. The list of
+// scanners and the selection are checked through the host interface.
+TEST_F(Virtual_SdkDevice, InformationFollowsTheSelectedScanner) {
     Configure("empty 60s;", "if=2,serial=SECOND22,hw=4.2.1.9,fw=2.5;if=0,serial=FIRST000");
     ClNorvakKR7SDK sdk(nullptr);
-    vc::DeviceInfo list[3] = {};
-    // No room asks for the number; too little room changes nothing.
-    for (const unsigned long room : {0ul, 1ul, 3ul}) {
-        unsigned long count = room;
-        EXPECT_EQ(room == 3 ? "" : "17: Get scanner list failed.",
-                  Thrown([&] { sdk.AvailableScanners(list, count); }));
-        EXPECT_EQ(room == 1 ? 1u : 2u, count);
-    }
-    EXPECT_STREQ("FIRST000", list[0].SerialNumber);
-    EXPECT_EQ(0u, list[0].Index);
-    EXPECT_STREQ("SECOND22", list[1].SerialNumber);
-    EXPECT_EQ(2u, list[1].Index);
-    // The information follows the selected scanner.
-    std::string before(64, '\0');
-    unsigned long room = before.size();
-    sdk.GetSDKInfo(&before[0], room);
-    EXPECT_NE(std::string::npos, before.find("FIRST000"));
-    EXPECT_EQ(std::string("27: ") + vc::err::kBadDeviceIndexText,
-              Thrown([&] { sdk.SetActiveScanner(5); }));
     ASSERT_EQ("", Thrown([&] { sdk.SetActiveScanner(2); }));
-    unsigned long index = 0;
-    sdk.GetActiveScanner(index);
-    EXPECT_EQ(2u, index);
     std::string info;
     for (const char* part :
          {"Norvak QV2 scanner", "SECOND22", "4.2.1.9", "2.5", "KR7SIM CAL 1.0.0"}) {
         info += std::string(part) + '\0';
     }
     info += '\0';
-    unsigned long size = 0;
-    EXPECT_EQ("17: More data are available", Thrown([&] { sdk.GetSDKInfo(nullptr, size); }));
-    ASSERT_EQ(info.size(), size);
-    std::string buffer(size + 2, 'x');
-    sdk.GetSDKInfo(&buffer[0], size);
-    EXPECT_EQ(info + "xx", buffer);
-    buffer.assign(size, 'x');
-    size = 10;
+    std::string buffer(info.size() + 2, 'x');
+    unsigned long size = buffer.size();
     sdk.GetSDKInfo(&buffer[0], size);
     EXPECT_EQ(info.size(), size);
-    EXPECT_EQ(info.substr(0, 10) + std::string(info.size() - 10, 'x'), buffer);
+    EXPECT_EQ(info + "xx", buffer);
 }
 
 TEST_F(Virtual_SdkDevice, ContaminationOfTheCleanAndTheDirtyPlaten) {

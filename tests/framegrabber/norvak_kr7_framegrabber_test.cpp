@@ -1,26 +1,24 @@
 // The frame grabber facade in process: checks against the lists and the
 // forward that follows them, result flags and the last error, list copies,
-// text getters, the life cycle and host calls made from inside the host's
-// own callbacks. Suites named Virtual_* run against the virtual scanner;
-// the others with no closed library reachable.
+// text getters, the end of a running capture and host calls made from
+// inside the host's own callbacks. Suites named Virtual_* run against the
+// virtual scanner; the others with no closed library reachable.
 #include "framegrabber/norvak_kr7_framegrabber.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/eventually.h"
-#include "util/logging_client.h"
+#include "capture.h"
 
 namespace {
 
@@ -36,6 +34,7 @@ const bool kScenario = [] {
 constexpr int kUntouched = -1;
 constexpr unsigned long kSentinelCode = 77;
 
+using kr7test::Capture;
 using kr7test::Eventually;
 
 unsigned long LastCode(ClNorvakKR7Framegrabber& fg) {
@@ -174,67 +173,42 @@ TEST(FramegrabberFacade, ChannelsOtherThanOneAreRefused) {
     }
 }
 
-// A null array, a short one and one with room to spare; the last error is
-// never touched.
+// Each list copy with no array and with arrays of every size from none to
+// one to spare: 17 while the list does not fit, count set to its length,
+// the entries that fit copied and nothing past the room given; the last
+// error is never touched.
 template <class Id>
 void ExpectList(unsigned int (ClNorvakKR7Framegrabber::*copy)(Id*, unsigned long&),
                 const std::vector<std::uint32_t>& expected) {
+    static_assert(sizeof(Id) == sizeof(std::uint32_t));
     ClNorvakKR7Framegrabber fg(nullptr);
     fg.SetLastFGError(kSentinelCode, "earlier error");
     const unsigned long n = expected.size();
-    std::vector<std::uint32_t> buffer(n + 1, 0xEEEEEEEEu);
-    Id* list = reinterpret_cast<Id*>(buffer.data());
     unsigned long count = 5;
     EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*copy)(nullptr, count));
     EXPECT_EQ(n, count);
-    count = n - 1;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*copy)(list, count));
-    EXPECT_EQ(n, count);
-    EXPECT_EQ(0xEEEEEEEEu, buffer[n - 1]);  // nothing beyond the room given
-    count = n + 1;
-    EXPECT_EQ(0u, (fg.*copy)(list, count));
-    EXPECT_EQ(n, count);
-    buffer.pop_back();
-    EXPECT_EQ(expected, buffer);
+    for (unsigned long room = 0; room <= n + 1; ++room) {
+        std::vector<std::uint32_t> buffer(n + 2, 0xEEEEEEEEu);
+        count = room;
+        EXPECT_EQ(room < n ? vc::FGERR_FLAG | vc::FGERR_MORE_DATA : 0u,
+                  (fg.*copy)(reinterpret_cast<Id*>(buffer.data()), count))
+            << room;
+        EXPECT_EQ(n, count);
+        std::vector<std::uint32_t> copied(expected.begin(), expected.begin() + std::min(room, n));
+        copied.resize(n + 2, 0xEEEEEEEEu);
+        EXPECT_EQ(copied, buffer) << room;
+    }
     EXPECT_EQ(kSentinelCode, LastCode(fg));
 }
 
 TEST(FramegrabberFacade, ListCopies) {
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableCameras, {8});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableColorModes, {0});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableDetections, {0, 1});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableFilters, {0});
-    ExpectList(&ClNorvakKR7Framegrabber::AvailableProperties, {3, 6, 7, 8});
-}
-
-TEST(FramegrabberFacade, TextGettersAnswerSizeQueriesAndCutCopies) {
-    ClNorvakKR7Framegrabber fg(nullptr);
-    fg.SetLastFGError(4, vc::err::kBadChannelText);
-    using Getter = unsigned int (ClNorvakKR7Framegrabber::*)(char*, unsigned long&);
-    const struct {
-        Getter get;
-        std::string text;
-    } getters[] = {{&ClNorvakKR7Framegrabber::GetVersion, "1.13.38.0"},
-                   {&ClNorvakKR7Framegrabber::GetLastError, vc::err::kBadChannelText}};
-    for (const auto& g : getters) {
-        SCOPED_TRACE(g.text);
-        const unsigned long needed = g.text.size() + 1;
-        unsigned long size = 0;
-        EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*g.get)(nullptr, size));
-        EXPECT_EQ(needed, size);
-        char buffer[64];
-        std::memset(buffer, '#', sizeof buffer);
-        size = 4;
-        EXPECT_EQ(0u, (fg.*g.get)(buffer, size));
-        EXPECT_EQ(needed, size);
-        EXPECT_EQ(g.text.substr(0, 4) + "#", std::string(buffer, 5));  // cut, no terminator
-        size = sizeof buffer;
-        EXPECT_EQ(0u, (fg.*g.get)(buffer, size));
-        EXPECT_EQ(needed, size);
-        EXPECT_EQ(g.text, buffer);
-        EXPECT_EQ('#', buffer[needed]);
-    }
-    EXPECT_EQ(4u, LastCode(fg));  // neither getter changes the last error
+    using namespace vc;
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableCameras, {eCameraKR7});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableColorModes, {eColorGray8});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableDetections, {eCaptureLive, eCapturePlainFinger});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableFilters, {eFilterNone});
+    ExpectList(&ClNorvakKR7Framegrabber::AvailableProperties,
+               {ePropFixedOne, ePropFakeFingerDetection, ePropRedLED, ePropGreenLED});
 }
 
 // ---- against the virtual scanner ------------------------------------------
@@ -246,93 +220,56 @@ protected:
     void TearDown() override { fg.Uninitialize(); }
 };
 
-// Header of a block handed out by GetImage or a callback.
-void ExpectBitmap(const unsigned char* image) {
-    ASSERT_NE(nullptr, image);
-    std::int32_t fields[3] = {};  // header size, width, height
-    std::uint16_t bits = 0;
-    std::memcpy(fields, image, sizeof fields);
-    std::memcpy(&bits, image + 14, 2);
-    EXPECT_EQ(40, fields[0]);
-    EXPECT_GT(fields[1], 100);
-    EXPECT_GT(fields[2], 100);
-    EXPECT_EQ(8, bits);
-}
+// The three text getters, before Initizalize: a null buffer asks for the
+// size; otherwise as much as fits is copied, cut without a terminator, and
+// nothing past it. Only GetInfo's size query leaves a last error.
+TEST_F(Virtual_Facade, TextGetters) {
+    using Getter = unsigned int (ClNorvakKR7Framegrabber::*)(char*, unsigned long&);
+    const auto terminated = [](const char* text) { return std::string(text) + '\0'; };
+    const struct {
+        Getter get;
+        std::string text;  // the whole text; GetInfo's list only begins so
+        const char* queryError;
+    } getters[] = {
+        {&ClNorvakKR7Framegrabber::GetVersion, terminated("1.13.38.0"), vc::err::kBadChannelText},
+        {&ClNorvakKR7Framegrabber::GetLastError, terminated(vc::err::kBadChannelText),
+         vc::err::kBadChannelText},
+        {&ClNorvakKR7Framegrabber::GetInfo, terminated("Norvak QV2 scanner"),
+         vc::err::kMoreDataText},
+    };
+    for (const auto& g : getters) {
+        SCOPED_TRACE(g.text);
+        fg.SetLastFGError(4, vc::err::kBadChannelText);
+        unsigned long needed = 0;
+        EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, (fg.*g.get)(nullptr, needed));
+        EXPECT_EQ(g.queryError, LastText(fg));
+        fg.SetLastFGError(4, vc::err::kBadChannelText);
 
-TEST_F(Virtual_Facade, LifeCycleAroundInitialisation) {
-    using Client = Nvk::utilities::ClLoggingFacilityClient;
-    // Before Initizalize everything works, only without logging.
-    unsigned long size = 0;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_MORE_DATA, fg.GetInfo(nullptr, size));
-    EXPECT_EQ(vc::err::kMoreDataText, LastText(fg));
-    std::vector<char> info(size, '#');
-    const unsigned long needed = size;
-    size = 5;
-    EXPECT_EQ(0u, fg.GetInfo(info.data(), size));
-    EXPECT_EQ(needed, size);
-    EXPECT_EQ("Norva#", std::string(info.data(), 6));
-
-    EXPECT_EQ(0u, fg.Initizalize(nullptr));
-    EXPECT_NE(nullptr, Client::m_fpLogInstance.load());
-    EXPECT_EQ(0u, fg.SetFGProperty(vc::ePropGreenLED, 100));
-    unsigned int value = 0;
-    EXPECT_EQ(0u, fg.GetFGProperty(vc::ePropGreenLED, value));
-    EXPECT_EQ(100u, value);
-
-    // Uninitialize closes the scanner and switches logging off; the next
-    // operation opens the scanner again.
-    EXPECT_EQ(0u, fg.Uninitialize());
-    EXPECT_EQ(nullptr, Client::m_fpLogInstance.load());
-    EXPECT_FALSE(fg.IsScannerInitialized());
-    unsigned char* image = nullptr;
-    EXPECT_EQ(0u, fg.GetImage(1, &image));
-    ExpectBitmap(image);
-    EXPECT_EQ(0u, fg.FreeImage(image));
-    EXPECT_EQ(0u, fg.Uninitialize());
-    EXPECT_EQ(0u, fg.Uninitialize());
-}
-
-// What a capture delivered, and what the host's image callback does.
-struct Capture {
-    ClNorvakKR7Framegrabber* fg = nullptr;
-    enum Reaction { None, Stop, Snap } reaction = None;
-    std::atomic<int> images{0};
-    std::atomic<int> errors{0};
-    std::atomic<int> stops{0};
-    std::atomic<bool> reacted{false};
-    std::atomic<unsigned int> reactionResult{0xFFFFFFFFu};
-
-    static void OnImage(int, unsigned int, unsigned char* image, void* user) {
-        auto& self = *static_cast<Capture*>(user);
-        ++self.images;
-        ExpectBitmap(image);
-        if (self.reaction == None || self.reacted.exchange(true)) {
-            return;
+        std::string whole(needed + 8, '#');
+        unsigned long size = whole.size();
+        ASSERT_EQ(0u, (fg.*g.get)(&whole[0], size));
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(std::string(8, '#'), whole.substr(needed));
+        whole.resize(needed);
+        EXPECT_EQ('\0', whole.back());
+        EXPECT_EQ(g.text, g.get == &ClNorvakKR7Framegrabber::GetInfo
+                              ? whole.substr(0, g.text.size())
+                              : whole);
+        for (unsigned long room : {0ul, 4ul, needed - 1, needed}) {
+            std::string buffer(needed + 1, '#');
+            size = room;
+            EXPECT_EQ(0u, (fg.*g.get)(&buffer[0], size)) << room;
+            EXPECT_EQ(needed, size);
+            EXPECT_EQ(whole.substr(0, room) + std::string(needed + 1 - room, '#'), buffer) << room;
         }
-        unsigned char* snapped = nullptr;
-        self.reactionResult =
-            self.reaction == Stop ? self.fg->StopCapture(1) : self.fg->GetImage(1, &snapped);
-        if (self.reaction == Snap) {
-            ExpectBitmap(snapped);
-            self.fg->FreeImage(snapped);
-        }
+        EXPECT_EQ(vc::err::kBadChannelText, LastText(fg));  // copies leave the last error
     }
-    static void OnError(int, unsigned int, const char*, void* user) {
-        ++static_cast<Capture*>(user)->errors;
-    }
-    static void OnStop(int, unsigned int, void* user) { ++static_cast<Capture*>(user)->stops; }
-
-    unsigned int Start(vc::eCaptureModeIDs mode = vc::eCaptureLive) {
-        fg->SetCallbacks(1, nullptr, &OnStop);
-        return fg->StartCapture(3, 1, mode, &OnImage, nullptr, &OnError, nullptr, this);
-    }
-};
+}
 
 TEST_F(Virtual_Facade, StopAndGetImageFromTheHostsImageCallback) {
     for (Capture::Reaction reaction : {Capture::Stop, Capture::Snap}) {
         SCOPED_TRACE(reaction);
-        Capture capture;
-        capture.fg = &fg;
+        Capture capture(fg);
         capture.reaction = reaction;
         ASSERT_EQ(0u, capture.Start());
         ASSERT_TRUE(Eventually([&] { return capture.stops.load() == 1; }));
@@ -350,8 +287,7 @@ TEST_F(Virtual_Facade, StopAndGetImageFromTheHostsImageCallback) {
 }
 
 TEST_F(Virtual_Facade, UninitializeOrDestructionEndsARunningCapture) {
-    Capture capture;
-    capture.fg = &fg;
+    Capture capture(fg);
     ASSERT_EQ(0u, capture.Start(vc::eCapturePlainFinger));
     ASSERT_TRUE(Eventually([&] { return capture.images.load() > 3; }));
     EXPECT_EQ(0u, fg.Uninitialize());
@@ -363,8 +299,7 @@ TEST_F(Virtual_Facade, UninitializeOrDestructionEndsARunningCapture) {
 
     // A frame grabber destroyed while capturing stops first.
     auto doomed = std::make_unique<ClNorvakKR7Framegrabber>(nullptr);
-    Capture second;
-    second.fg = doomed.get();
+    Capture second(*doomed);
     ASSERT_EQ(0u, second.Start());
     ASSERT_TRUE(Eventually([&] { return second.images.load() > 3; }));
     doomed.reset();

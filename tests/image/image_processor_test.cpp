@@ -47,17 +47,6 @@ ClSimpleBitmap Inverted(const ClSimpleBitmap& bmp) {
 
 }  // namespace
 
-TEST(ImageFilter, CreateAndClone) {
-    std::unique_ptr<vc::ClVCImageFilter> none(vc::ClVCImageFilter::Create(vc::eFilterNone));
-    std::unique_ptr<vc::ClVCImageFilter> sub(
-        vc::ClVCImageFilter::Create(vc::eFilterSubtractBackground));
-    std::unique_ptr<vc::ClVCImageFilter> subCopy(sub->clone());
-    EXPECT_NE(dynamic_cast<vc::ClNoFilter*>(none.get()), nullptr);
-    EXPECT_NE(dynamic_cast<vc::ClSubtractBackgroundFilter*>(subCopy.get()), nullptr);
-    EXPECT_EQ(vc::ClVCImageFilter::Create(2), nullptr);
-    EXPECT_EQ(vc::ClVCImageFilter::Create(-1), nullptr);
-}
-
 TEST(ImageFilter, SubtractBackgroundDarkensAndKeepsPadding) {
     // Row 0: frame vs background pixel by pixel; row 1 all equal. Padding
     // bytes differ between frame and background.

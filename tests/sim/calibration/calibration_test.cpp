@@ -156,15 +156,6 @@ struct Unit {
     std::int32_t setData = 1;
 };
 
-TEST(CalibrateSdk, ExportsAllSixEntriesAndTheTestVariantLacksContamination) {
-    Sdk variant(KR7_CALIBRATE_SDK_NOCONTAM_PATH);
-#define KR7_PRESENT(name)                    \
-    EXPECT_NE(Lib().name, nullptr) << #name; \
-    EXPECT_EQ(variant.name == nullptr, std::strcmp(#name, "ContaminationDetection") == 0) << #name;
-    KR7_CAL_ENTRIES(KR7_PRESENT)
-#undef KR7_PRESENT
-}
-
 // KR7SIM_CAL_COPY: Calibrate copies the top-left rows at the corrected
 // size. The setting is read once per library, so a child process sets it and
 // loads a copy of its own (the variant, which the parent has not loaded).

@@ -50,16 +50,6 @@ protected:
     }
 };
 
-TEST_F(Logging, ExportsBothEntriesAndTheTestVariantLacksFlush) {
-    for (auto [path, hasFlush] : {std::pair{KR7_LF_PATH, true}, {KR7_LF_NOFLUSH_PATH, false}}) {
-        void* lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(lib, nullptr) << dlerror();
-        EXPECT_NE(dlsym(lib, "NvkLFLog"), nullptr);
-        EXPECT_EQ(dlsym(lib, "NvkLFFlush") != nullptr, hasFlush);
-        dlclose(lib);
-    }
-}
-
 TEST_F(Logging, FileGetsFormattedLinesUpToTheThreshold) {
     ASSERT_EQ(InChild(m_log.c_str(), "4",
                       [](LogFn log) {
