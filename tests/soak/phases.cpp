@@ -4,11 +4,14 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "host.h"
+#include "kr7host/capture.h"
+#include "kr7host/plugin.h"
 #include "process_state.h"
 
 #if defined(KR7_SOAK_LSAN)
@@ -59,10 +62,11 @@ std::string Quote(const std::string& text) {
     return "'" + text + "'";
 }
 
-// One phase in this process: the plug-in, the ledger and what went wrong.
+// One phase in this process: the plug-in, the frame grabber and the current
+// round's capture as kr7host holds them, the ledger, and what went wrong.
 class Phase {
 public:
-    explicit Phase(const std::string& plugin) : m_Plugin(plugin) {}
+    explicit Phase(const std::string& plugin) { m_Files.plugin = plugin; }
 
     void Fail(const std::string& text) {
         if (m_Failures.size() < kListedFailures) {
@@ -91,21 +95,24 @@ public:
 
     // dlopen of the plug-in.
     bool Load() {
-        std::string error;
-        if (!m_Plugin.Load(error)) {
-            Fail("dlopen: " + error);
+        try {
+            m_Library.emplace(m_Files);
+            return true;
+        } catch (const kr7host::LoadError& e) {
+            Fail(e.what());
             return false;
         }
-        return true;
     }
 
     // dlclose of the plug-in; then neither it nor a stand-in may be mapped.
     void Unload() {
-        std::string error;
-        if (!m_Plugin.Unload(error)) {
-            Fail("dlclose: " + error);
+        try {
+            m_Library->Close();
+        } catch (const std::exception& e) {
+            Fail(e.what());
         }
-        const std::string plugin = m_Plugin.Path().substr(m_Plugin.Path().rfind('/') + 1);
+        m_Library.reset();
+        const std::string plugin = m_Files.plugin.substr(m_Files.plugin.rfind('/') + 1);
         const std::vector<std::string> left = MappedObjects(
             {plugin, "libQV2ScanAPI.so", "libnorvakcalibratesdk.so", "libnorvaklf.so"});
         for (const std::string& path : left) {
@@ -113,25 +120,28 @@ public:
         }
     }
 
-    // GetFrameGrabber, Initizalize and the start and stop callbacks.
-    vc::ClFramegrabber* Open() {
-        vc::ClFramegrabber* grabber = m_Plugin.Get();
-        if (grabber == nullptr) {
-            Fail("GetFrameGrabber returned null");
-            return nullptr;
+    // GetFrameGrabber and Initizalize.
+    bool Open() {
+        try {
+            m_Grabber.emplace(*m_Library);
+            return true;
+        } catch (const std::exception& e) {
+            Fail(e.what());
+            return false;
         }
-        Expect(grabber->Initizalize(nullptr), *grabber, "Initizalize");
-        Expect(grabber->SetCallbacks(1, &Ledger::OnStart, &Ledger::OnStop), *grabber,
-               "SetCallbacks");
-        return grabber;
     }
 
     // Uninitialize and DestroyFrameGrabber; no thread of the frame grabber
     // may outlive it.
-    void Close(vc::ClFramegrabber& grabber) {
-        Expect(grabber.Uninitialize(), grabber, "Uninitialize");
-        m_Plugin.Destroy();
-        if (m_Plugin.Current() != nullptr) {
+    void Close() {
+        EndRound();
+        try {
+            m_Grabber->Shutdown();
+        } catch (const kr7host::Error& e) {
+            Fail(e.what());
+        }
+        m_Grabber.reset();
+        if (m_Library->Current() != nullptr) {
             Fail("m_pFrameGrabber is set after DestroyFrameGrabber");
         }
         const int threads = SettledThreads(m_nIdleThreads, std::chrono::seconds(1));
@@ -144,20 +154,48 @@ public:
     // The process's threads while no capture runs.
     void SetIdleThreads(int threads) { m_nIdleThreads = threads; }
 
-    // StartCapture of a new round; its number, or -1 when the call failed.
-    int Start(vc::ClFramegrabber& grabber) {
-        const int round = ++m_nRound;
-        if (!Expect(m_Ledger.Start(grabber, round), grabber, "StartCapture")) {
-            m_Ledger.Close(round);
-            return -1;
+    // A new round: a capture in plain-finger mode on channel 1, started with
+    // the round's number as its handle. False when StartCapture failed.
+    bool Start() {
+        EndRound();
+        m_Ledger.NewRound();
+        m_Capture.emplace(*m_Grabber, kr7host::Capture::Options{1, vc::eCapturePlainFinger},
+                          m_Ledger.Handler());
+        try {
+            const unsigned int result = m_Capture->Start(++m_nRound);
+            if (result != 0) {
+                Fail("StartCapture returned " + Hex(result));
+            }
+            return true;
+        } catch (const kr7host::Error& e) {
+            Fail(e.what());
+            CheckPairs();
+            return false;
         }
-        return round;
     }
 
-    void Stop(vc::ClFramegrabber& grabber, int round) {
-        Expect(grabber.StopCapture(1), grabber, "StopCapture");
-        m_Ledger.Close(round);
+    // StopCapture of the round; its start and stop callbacks must pair up.
+    void Stop() {
+        try {
+            m_Capture->Stop();
+        } catch (const kr7host::Error& e) {
+            Fail(e.what());
+        }
+        CheckPairs();
     }
+
+    // The callbacks of the current round so far.
+    kr7host::Counts Round() const { return m_Capture ? m_Capture->Totals() : kr7host::Counts(); }
+    // The callbacks of every round, with those of no live capture and the
+    // misfit images among the strays.
+    kr7host::Counts Totals() const {
+        kr7host::Counts all = m_Ended;
+        Sum(all, Round());
+        all.strays += kr7host::Capture::Unclaimed() + m_Ledger.Misfits();
+        return all;
+    }
+    // Rounds whose start and stop callbacks did not pair up.
+    long Unpaired() const { return m_nUnpaired; }
 
     // Waits up to kPatience for `ready`; a failure naming `what` otherwise.
     bool WaitFor(const std::function<bool()>& ready, const std::string& what) {
@@ -168,31 +206,44 @@ public:
         return false;
     }
 
-    // The last error's text, as a host reads it.
-    static std::string LastError(vc::ClFramegrabber& grabber) {
-        unsigned long size = 0;
-        grabber.GetLastError(nullptr, size);
-        std::string text(size, '\0');
-        if (size > 0) {
-            grabber.GetLastError(&text[0], size);
-            text.resize(size - 1);
-        }
-        return text;
-    }
-
 private:
-    bool Expect(unsigned int code, vc::ClFramegrabber& grabber, const char* call) {
-        if (code == 0) {
-            return true;
-        }
+    static std::string Hex(unsigned int code) {
         char number[16];
         std::snprintf(number, sizeof number, "0x%x", code);
-        Fail(std::string(call) + " returned " + number + ": " + Quote(LastError(grabber)));
-        return false;
+        return number;
+    }
+    static void Sum(kr7host::Counts& to, const kr7host::Counts& from) {
+        to.starts += from.starts;
+        to.stops += from.stops;
+        to.images += from.images;
+        to.results += from.results;
+        to.errors += from.errors;
+        to.warnings += from.warnings;
+        to.strays += from.strays;
+        to.late += from.late;
+    }
+    void CheckPairs() {
+        const kr7host::Counts round = Round();
+        if (round.starts > 1 || round.starts != round.stops) {
+            ++m_nUnpaired;
+        }
+    }
+    // The round's capture is destroyed; its counts go to the phase's.
+    void EndRound() {
+        if (m_Capture) {
+            Sum(m_Ended, m_Capture->Totals());
+            m_Capture.reset();
+        }
     }
 
-    Plugin m_Plugin;
+    kr7host::Options m_Files;
     Ledger m_Ledger;
+    // Declared in the order they are made: destroyed the other way round.
+    std::optional<kr7host::Library> m_Library;
+    std::optional<kr7host::Grabber> m_Grabber;
+    std::optional<kr7host::Capture> m_Capture;
+    kr7host::Counts m_Ended;  // of the rounds' captures destroyed so far
+    long m_nUnpaired = 0;
     int m_nRound = 0;
     int m_nIdleThreads = 1;
     std::vector<std::string> m_Failures;
@@ -210,11 +261,9 @@ void Starts(Phase& phase, long from, long to) {
     if (!phase.Load()) {
         return;
     }
-    if (vc::ClFramegrabber* grabber = phase.Open()) {
-        Ledger& ledger = phase.ledger();
+    if (phase.Open()) {
         for (long i = from; i < to && !phase.GaveUp(); ++i) {
-            const int round = phase.Start(*grabber);
-            if (round < 0) {
+            if (!phase.Start()) {
                 continue;
             }
             switch (i % 4) {
@@ -222,24 +271,25 @@ void Starts(Phase& phase, long from, long to) {
                     break;
                 case 1:
                     phase.WaitFor(
-                        [&] { return ledger.RoundStarts() > 0 || ledger.RoundErrors() > 0; },
+                        [&] { return phase.Round().starts > 0 || phase.Round().errors > 0; },
                         "start callback");
                     break;
                 case 2:
                     phase.WaitFor(
-                        [&] { return ledger.RoundImages() > 0 || ledger.RoundErrors() > 0; },
+                        [&] { return phase.Round().images > 0 || phase.Round().errors > 0; },
                         "frame");
                     break;
                 default:
                     std::this_thread::sleep_for(std::chrono::microseconds(250 * (i / 4 % 8)));
                     break;
             }
-            phase.Stop(*grabber, round);
-            if (ledger.RoundErrors() > 0) {
-                phase.Fail("cycle " + std::to_string(i) + ": error " + Quote(ledger.RoundError()));
+            phase.Stop();
+            if (phase.Round().errors > 0) {
+                phase.Fail("cycle " + std::to_string(i) + ": error " +
+                           Quote(phase.ledger().RoundError()));
             }
         }
-        phase.Close(*grabber);
+        phase.Close();
     }
     phase.Unload();
 }
@@ -262,8 +312,7 @@ void Disconnects(Phase& phase, long from, long to) {
     if (target <= 0 || !phase.Load()) {
         return;
     }
-    vc::ClFramegrabber* grabber = phase.Open();
-    if (grabber == nullptr) {
+    if (!phase.Open()) {
         phase.Unload();
         return;
     }
@@ -278,21 +327,22 @@ void Disconnects(Phase& phase, long from, long to) {
     long checked = 0;                  // placements counted
     long missed = 0;                   // of them without a result
     std::set<std::string> unexpected;  // error texts reported as failures
-    int round = phase.Start(*grabber);
-    while (round >= 0 && !phase.GaveUp()) {
+    bool running = phase.Start();
+    while (running && !phase.GaveUp()) {
         const long wantedFrames = voluntary % 4;
         const bool woke = phase.WaitFor(
             [&] {
-                if (ledger.RoundErrors() > 0) {
+                const kr7host::Counts round = phase.Round();
+                if (round.errors > 0) {
                     return true;
                 }
                 switch (state) {
                     case State::AwaitResult:
                         return ledger.Results() > resultsMark;
                     case State::Restarting:
-                        return ledger.RoundImages() >= wantedFrames;
+                        return round.images >= wantedFrames;
                     case State::Recovering:
-                        return ledger.RoundImages() > 0;
+                        return round.images > 0;
                 }
                 return true;
             },
@@ -300,7 +350,7 @@ void Disconnects(Phase& phase, long from, long to) {
         if (!woke) {
             break;
         }
-        if (ledger.RoundErrors() == 0) {
+        if (phase.Round().errors == 0) {
             if (state == State::Recovering) {
                 state = ledger.Results() > resultsMark ? State::Restarting : State::AwaitResult;
                 restartsWithoutFrame = 0;
@@ -315,14 +365,14 @@ void Disconnects(Phase& phase, long from, long to) {
                 continue;
             }
             // A restart of the host's own.
-            phase.Stop(*grabber, round);
-            if (ledger.RoundErrors() == 0) {
+            phase.Stop();
+            if (phase.Round().errors == 0) {
                 ++voluntary;
-                round = phase.Start(*grabber);
+                running = phase.Start();
                 continue;
             }
         } else {
-            phase.Stop(*grabber, round);
+            phase.Stop();
         }
 
         // The capture failed: the scanner has gone, or is still away.
@@ -350,14 +400,14 @@ void Disconnects(Phase& phase, long from, long to) {
             phase.Fail("the capture did not recover after unplug " + std::to_string(unplugs) +
                        ": " + std::to_string(kMaxRestarts) + " restarts, the last error " +
                        Quote(text));
-            round = -1;
+            running = false;
             break;
         }
         ++afterErrors;
-        round = phase.Start(*grabber);
+        running = phase.Start();
     }
-    if (round >= 0) {
-        phase.Stop(*grabber, round);
+    if (running) {
+        phase.Stop();
     }
     phase.Add("unplugs", unplugs);
     phase.Add("placements counted", checked);
@@ -368,28 +418,26 @@ void Disconnects(Phase& phase, long from, long to) {
         phase.Fail("only " + std::to_string(unplugs) + " of " + std::to_string(target) +
                    " unplugs seen");
     }
-    phase.Close(*grabber);
+    phase.Close();
     phase.Unload();
 }
 
 // ---- rounds and reloads -----------------------------------------------------------
 
 // A capture until its first frame or result, then stopped; no errors.
-void CaptureALittle(Phase& phase, vc::ClFramegrabber& grabber, long i) {
-    Ledger& ledger = phase.ledger();
-    const int round = phase.Start(grabber);
-    if (round < 0) {
+void CaptureALittle(Phase& phase, long i) {
+    if (!phase.Start()) {
         return;
     }
     phase.WaitFor(
         [&] {
-            return ledger.RoundImages() > 0 || ledger.RoundResults() > 0 ||
-                   ledger.RoundErrors() > 0;
+            const kr7host::Counts round = phase.Round();
+            return round.images > 0 || round.results > 0 || round.errors > 0;
         },
         "first frame in round " + std::to_string(i));
-    phase.Stop(grabber, round);
-    if (ledger.RoundErrors() > 0) {
-        phase.Fail("round " + std::to_string(i) + ": error " + Quote(ledger.RoundError()));
+    phase.Stop();
+    if (phase.Round().errors > 0) {
+        phase.Fail("round " + std::to_string(i) + ": error " + Quote(phase.ledger().RoundError()));
     }
 }
 
@@ -399,12 +447,11 @@ void Rounds(Phase& phase, long from, long to) {
         return;
     }
     for (long i = from; i < to && !phase.GaveUp(); ++i) {
-        vc::ClFramegrabber* grabber = phase.Open();
-        if (grabber == nullptr) {
+        if (!phase.Open()) {
             break;
         }
-        CaptureALittle(phase, *grabber, i);
-        phase.Close(*grabber);
+        CaptureALittle(phase, i);
+        phase.Close();
     }
     phase.Unload();
 }
@@ -414,9 +461,9 @@ void Reloads(Phase& phase, long from, long to) {
         if (!phase.Load()) {
             break;
         }
-        if (vc::ClFramegrabber* grabber = phase.Open()) {
-            CaptureALittle(phase, *grabber, i);
-            phase.Close(*grabber);
+        if (phase.Open()) {
+            CaptureALittle(phase, i);
+            phase.Close();
         }
         phase.Unload();
     }
@@ -435,21 +482,20 @@ void Realtime(Phase& phase, long from, long to) {
     if (seconds <= 0 || !phase.Load()) {
         return;
     }
-    if (vc::ClFramegrabber* grabber = phase.Open()) {
+    if (phase.Open()) {
         Ledger& ledger = phase.ledger();
-        const auto frames = [&] { return (ledger.RoundImages() + ledger.RoundResults()) / 2; };
-        const auto failed = [&] { return ledger.RoundErrors() > 0; };
+        const auto frames = [&] { return (phase.Round().images + phase.Round().results) / 2; };
+        const auto failed = [&] { return phase.Round().errors > 0; };
         const long episodesBefore = ledger.Episodes();
         const Clock::time_point begin = Clock::now();
-        const int round = phase.Start(*grabber);
-        if (round >= 0) {
+        if (phase.Start()) {
             ledger.WaitUntil(failed, begin + std::chrono::seconds(std::min(5L, seconds / 2)));
             const long settledFrames = frames();
             const Clock::time_point settled = Clock::now();
             ledger.WaitUntil(failed, begin + std::chrono::seconds(seconds));
             const long steadyFrames = frames() - settledFrames;
             const double steady = std::chrono::duration<double>(Clock::now() - settled).count();
-            phase.Stop(*grabber, round);
+            phase.Stop();
             const double rate = steadyFrames / steady;
             const long cycles = static_cast<long>(frames() / kRealtimeCycleFrames);
             const long episodes = ledger.Episodes() - episodesBefore;
@@ -467,7 +513,7 @@ void Realtime(Phase& phase, long from, long to) {
                 phase.Fail("placements and results differ: " + where.str());
             }
         }
-        phase.Close(*grabber);
+        phase.Close();
     }
     phase.Unload();
 }
@@ -587,7 +633,7 @@ int RunPhase(const std::string& name, long count, const std::string& plugin) {
         phase.Fail("resident memory grew from " + MiB(ref.rssKiB) + " to " + MiB(end.rssKiB) +
                    " MiB");
     }
-    const Tally tally = phase.ledger().Totals();
+    const kr7host::Counts tally = phase.Totals();
     if (tally.starts != tally.stops) {
         phase.Fail(std::to_string(tally.starts) + " start callbacks but " +
                    std::to_string(tally.stops) + " stop callbacks");
@@ -599,8 +645,8 @@ int RunPhase(const std::string& name, long count, const std::string& plugin) {
         phase.Fail(std::to_string(tally.strays) +
                    " callbacks with a wrong round, channel, context, result type or image");
     }
-    if (tally.unpaired > 0) {
-        phase.Fail(std::to_string(tally.unpaired) +
+    if (phase.Unpaired() > 0) {
+        phase.Fail(std::to_string(phase.Unpaired()) +
                    " captures whose start and stop callbacks did not pair up");
     }
     if (tally.warnings > 0) {

@@ -1,6 +1,6 @@
 // kr7_soak: days of a host's use of the plug-in, pressed into minutes, through
-// the path a host takes (dlopen of the built plug-in, GetFrameGrabber and the
-// public header only) against the virtual scanner at full speed.
+// the path a host takes (kr7host: dlopen of the built plug-in, GetFrameGrabber
+// and the public header only) against the virtual scanner at full speed.
 //
 // Each phase runs in a child process of its own (this program again, with
 // --run-phase). The virtual scanner reads its settings once per process and
