@@ -31,6 +31,25 @@ void PutLe(std::vector<unsigned char>& out, std::uint32_t value, int bytes) {
     }
 }
 
+// The identity grey ramp, the colour table of every image of the plug-in:
+// as the table lies in a block (blue, green, red, 0) and as grey levels.
+struct GreyRampTable {
+    unsigned char table[4 * 256];
+    std::uint8_t grey[256];
+    GreyRampTable() {
+        for (unsigned i = 0; i < 256; ++i) {
+            table[4 * i] = table[4 * i + 1] = table[4 * i + 2] = static_cast<unsigned char>(i);
+            table[4 * i + 3] = 0;
+            grey[i] = static_cast<std::uint8_t>(i);
+        }
+    }
+};
+
+const GreyRampTable& TheGreyRamp() {
+    static const GreyRampTable ramp;
+    return ramp;
+}
+
 std::size_t Padded(int width) {
     return (static_cast<std::size_t>(width) + 3) / 4 * 4;
 }
@@ -207,11 +226,19 @@ BitmapView::BitmapView(const unsigned char* block, std::size_t size) {
         return;
     }
     const unsigned char* palette = block + kInfoHeaderSize;
-    m_bGreyRamp = colours == 256;
-    for (std::size_t i = 0; i < colours; ++i) {
-        const unsigned b = palette[4 * i], g = palette[4 * i + 1], r = palette[4 * i + 2];
-        m_Grey[i] = static_cast<std::uint8_t>((299 * r + 587 * g + 114 * b + 500) / 1000);
-        m_bGreyRamp = m_bGreyRamp && b == i && g == i && r == i;
+    const GreyRampTable& ramp = TheGreyRamp();
+    if (colours == 256 && std::memcmp(palette, ramp.table, sizeof ramp.table) == 0) {
+        // The plug-in's table, met at every callback: the grey levels without
+        // the arithmetic below, which would cost a callback microseconds.
+        std::memcpy(m_Grey, ramp.grey, sizeof m_Grey);
+        m_bGreyRamp = true;
+    } else {
+        m_bGreyRamp = colours == 256;
+        for (std::size_t i = 0; i < colours; ++i) {
+            const unsigned b = palette[4 * i], g = palette[4 * i + 1], r = palette[4 * i + 2];
+            m_Grey[i] = static_cast<std::uint8_t>((299 * r + 587 * g + 114 * b + 500) / 1000);
+            m_bGreyRamp = m_bGreyRamp && b == i && g == i && r == i;
+        }
     }
     m_nWidth = width;
     m_nHeight = rows;

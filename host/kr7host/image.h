@@ -17,7 +17,8 @@ constexpr int kScannerPpi = 500;
 // BITMAPINFOHEADER, a colour table, 8-bit rows padded to 4 bytes, bottom-up
 // unless the height is negative. A view of a block the header does not
 // describe so is invalid. The view is good as long as the block is (for a
-// callback's image, until the callback returns).
+// callback's image, until the callback returns). Making one is cheap enough
+// for every callback: the plug-in's grey ramp is recognised by comparison.
 class BitmapView {
 public:
     BitmapView() = default;

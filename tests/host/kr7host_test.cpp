@@ -120,6 +120,11 @@ TEST(Images, BlocksReadTheRightWayUpThroughTheirColourTable) {
     const Image image(view, kScannerPpi);
     EXPECT_EQ(255 - Gradient(4, 1), image.At(4, 1));
     EXPECT_EQ(kScannerPpi, image.ppi);
+    // The grey ramp but for its last entry is another table.
+    const std::vector<unsigned char> almost = Block(
+        5, 2, [](int, int) { return 255; }, false, 0, [](int i) { return i == 255 ? 7 : i; });
+    EXPECT_FALSE(BitmapView(almost.data()).GreyRamp());
+    EXPECT_EQ(7, Image(BitmapView(almost.data())).At(4, 1));
 }
 
 TEST(Images, FilesKeepPixelsOrientationAndScale) {
