@@ -1,8 +1,9 @@
-// The plug-in end to end, loaded the way a host loads it: dlopen of the built
-// libnorvakkr7fg.so.1, GetFrameGrabber, Initizalize, StartCapture and the
-// host's callbacks. The stand-ins are preloaded by their full build paths
-// (RTLD_NOW | RTLD_GLOBAL), so that the plug-in's loads by bare name reuse
-// them. The scanner hands out one pre-rendered frame per call
+// The plug-in end to end, loaded the way a host loads it, through kr7host:
+// dlopen of the built libnorvakkr7fg.so.1, GetFrameGrabber, Initizalize and
+// a kr7host::Capture whose handler runs on the worker thread, on the image as
+// the plug-in lent it. kr7host preloads the stand-ins by their full build
+// paths (RTLD_NOW | RTLD_GLOBAL), so that the plug-in's loads by bare name
+// reuse them. The scanner hands out one pre-rendered frame per call
 // (KR7SIM_FIXED_FRAME=1) and the calibration copies rows instead of
 // correcting them (KR7SIM_CAL_COPY=1): what is left of a frame's time is the
 // plug-in's own share.
@@ -14,14 +15,14 @@
 //   between the device and calibration calls below; the floor of the ratios;
 // - device_us: ftrScanGetImageByVariableDose on a handle of its own;
 // - calibration_us: Calibrate on the unit's calibration data;
-// - total_us: the interval between two frames at the host's image callback
+// - total_us: the interval between two frames at the host's image handler
 //   while the plug-in captures at full speed (steady state);
 // - plugin_us = total_us - device_us - calibration_us, and its ratio to
 //   memcpy_us (all medians over the samples);
 // - allocs_per_frame: heap allocations of the whole process per frame in
 //   the steady state (counted by the replaced operator new of
 //   support/allocation_count.cpp; the plug-in and the stand-ins use it too);
-// - first_frame_ms and stop_ms: StartCapture to the first image callback,
+// - first_frame_ms and stop_ms: StartCapture to the first image handler call,
 //   and StopCapture's duration while frames flow, over several cycles.
 // One more child captures at 25 frames per second (KR7SIM_REALTIME=1) and
 // reports the worker thread's and the whole process's CPU time per second,
@@ -52,12 +53,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "base/framegrabber.h"
+#include <norvakkr7fg/framegrabber.h>
+
+#include "kr7host/capture.h"
+#include "kr7host/plugin.h"
 #include "support/allocation_count.h"
 
 namespace {
@@ -109,33 +115,25 @@ using CalDeleteFn = void (*)(void**);
 using CalSetFn = std::int32_t (*)(void*, const unsigned char*, unsigned int);
 using CalFn = std::int32_t (*)(void*, const void*, unsigned int, void*, unsigned int*);
 
+// A function of a stand-in, which kr7host has loaded into the global scope.
 template <class Fn>
-Fn Symbol(void* library, const char* name) {
-    void* symbol = dlsym(library, name);
+Fn Symbol(const char* name) {
+    void* symbol = dlsym(RTLD_DEFAULT, name);
     if (symbol == nullptr) {
         throw std::runtime_error(std::string("missing symbol ") + name);
     }
     return reinterpret_cast<Fn>(symbol);
 }
 
-struct StandIns {
-    void* scanner = nullptr;
-    void* calibration = nullptr;
-};
-
-StandIns LoadStandIns() {
-    StandIns s;
-    void* handles[3] = {};
-    const char* paths[3] = {KR7_LOGGING_PATH, KR7_CALIBRATE_PATH, KR7_SCANNER_PATH};
-    for (int i = 0; i < 3; ++i) {
-        handles[i] = dlopen(paths[i], RTLD_NOW | RTLD_GLOBAL);
-        if (handles[i] == nullptr) {
-            throw std::runtime_error(dlerror());
-        }
-    }
-    s.calibration = handles[1];
-    s.scanner = handles[2];
-    return s;
+// The stand-ins from the build tree, then the built plug-in or the one
+// KR7_BENCH_PLUGIN names.
+kr7host::Options Files() {
+    kr7host::Options files;
+    files.virtualScanner = true;
+    files.simFolder = KR7_BENCH_SIM_DIR;
+    const char* other = std::getenv("KR7_BENCH_PLUGIN");
+    files.plugin = other != nullptr ? other : KR7_PLUGIN_PATH;
+    return files;
 }
 
 // ---- timing helpers -------------------------------------------------------
@@ -187,9 +185,9 @@ void TimeWithFloor(int count, std::size_t bytes, Step&& step, std::vector<double
 
 // ---- the host -------------------------------------------------------------
 
-// What the callbacks see. A frame starts at the image callback that carries
-// the same block as the capture's first one (in plain-finger mode a second
-// image callback per frame carries the detector's result).
+// One capture and what its handler sees, on the worker thread. A frame
+// starts at the image that lies where the capture's first one lay (in
+// plain-finger mode a second image per frame carries the detector's result).
 struct Host {
     std::atomic<const unsigned char*> first{nullptr};
     std::atomic<long> frames{0};
@@ -207,55 +205,82 @@ struct Host {
     std::atomic<unsigned long long> allocsAtFirst{0};
     std::atomic<unsigned long long> allocsAtLast{0};
 
-    void Reset() {
-        first = nullptr;
-        frames = 0;
-        firstFrameNs = -1;
-        recordFrom = -1;
+    // Last, so that it is destroyed first.
+    kr7host::Capture capture;
+
+    Host(kr7host::Grabber& grabber, vc::eCaptureModeIDs mode)
+        : capture(grabber, {1, mode}, [this](const kr7host::Delivery& d) { Deliver(d); }) {}
+
+    // StartCapture; a mode the plug-in does not list (rolled) captures all
+    // the same.
+    void Start() {
         started = Clock::now();
+        capture.Start();
+    }
+    // StopCapture; its duration in seconds.
+    double Stop() {
+        const auto t0 = Clock::now();
+        capture.Stop();
+        return Seconds(t0, Clock::now());
     }
 
-    static void OnImage(int, unsigned int, unsigned char* image, void* user) {
-        Host& host = *static_cast<Host*>(user);
+    void Deliver(const kr7host::Delivery& delivery) {
+        switch (delivery.kind) {
+            case kr7host::Kind::Image:
+                if (delivery.image.Valid()) {
+                    OnImage(delivery.image.Row(0));
+                } else {
+                    std::fprintf(stderr, "plug-in image is no 8-bit bitmap\n");
+                    failed = true;
+                }
+                break;
+            case kr7host::Kind::Result:
+                ++results;
+                break;
+            case kr7host::Kind::Error:
+                std::fprintf(stderr, "plug-in error: %s\n",
+                             delivery.text ? delivery.text : "(null)");
+                failed = true;
+                break;
+            case kr7host::Kind::Warning:
+                std::fprintf(stderr, "plug-in warning: %s\n",
+                             delivery.text ? delivery.text : "(null)");
+                break;
+            default:
+                break;
+        }
+    }
+
+    // `top` is the image's top row: the same place in the frame's first image.
+    void OnImage(const unsigned char* top) {
         const unsigned char* expected = nullptr;
-        if (!host.first.compare_exchange_strong(expected, image) && expected != image) {
-            return;  // not the frame's first callback
+        if (!first.compare_exchange_strong(expected, top) && expected != top) {
+            return;  // not the frame's first image
         }
         const long long now =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - host.started)
-                .count();
-        const long frame = host.frames.load(std::memory_order_relaxed);
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - started).count();
+        const long frame = frames.load(std::memory_order_relaxed);
         if (frame == 0) {
-            host.firstFrameNs = now;
-            host.workerTid = static_cast<pid_t>(syscall(SYS_gettid));
-            if (!host.haveClock && pthread_getcpuclockid(pthread_self(), &host.workerClock) == 0) {
-                host.haveClock = true;
+            firstFrameNs = now;
+            workerTid = static_cast<pid_t>(syscall(SYS_gettid));
+            if (!haveClock && pthread_getcpuclockid(pthread_self(), &workerClock) == 0) {
+                haveClock = true;
             }
         }
-        const long from = host.recordFrom.load();
+        const long from = recordFrom.load();
         if (from >= 0 && frame >= from) {
             const auto index = static_cast<std::size_t>(frame - from);
-            if (index < host.stamps.size()) {
-                host.stamps[index] = now;
+            if (index < stamps.size()) {
+                stamps[index] = now;
                 if (index == 0) {
-                    host.allocsAtFirst = kr7bench::AllocationCount();
+                    allocsAtFirst = kr7bench::AllocationCount();
                 }
-                if (index + 1 == host.stamps.size()) {
-                    host.allocsAtLast = kr7bench::AllocationCount();
+                if (index + 1 == stamps.size()) {
+                    allocsAtLast = kr7bench::AllocationCount();
                 }
             }
         }
-        host.frames.store(frame + 1);
-    }
-    static void OnResult(int, unsigned int, int, unsigned char*, void* user) {
-        ++static_cast<Host*>(user)->results;
-    }
-    static void OnError(int, unsigned int, const char* text, void* user) {
-        std::fprintf(stderr, "plug-in error: %s\n", text ? text : "(null)");
-        static_cast<Host*>(user)->failed = true;
-    }
-    static void OnWarning(int, unsigned int, const char* text, void*) {
-        std::fprintf(stderr, "plug-in warning: %s\n", text ? text : "(null)");
+        frames.store(frame + 1);
     }
 };
 
@@ -269,70 +294,11 @@ void WaitForFrames(Host& host, long count, double timeoutSeconds) {
     }
 }
 
-struct Plugin {
-    void* library = nullptr;
-    vc::ClFramegrabber* grabber = nullptr;
-    FGDestroyFrameGrabberFn destroy = nullptr;
-
-    Plugin() {
-        const char* other = std::getenv("KR7_BENCH_PLUGIN");
-        library = dlopen(other != nullptr ? other : KR7_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr) {
-            throw std::runtime_error(dlerror());
-        }
-        auto get = Symbol<FGGetFrameGrabberFn>(library, "GetFrameGrabber");
-        destroy = Symbol<FGDestroyFrameGrabberFn>(library, "DestroyFrameGrabber");
-        grabber = get();
-        if (grabber == nullptr || grabber->Initizalize(nullptr) != 0) {
-            throw std::runtime_error("the plug-in does not initialise");
-        }
-    }
-    ~Plugin() {
-        grabber->Uninitialize();
-        destroy();
-        dlclose(library);
-    }
-    void Start(Host& host, vc::eCaptureModeIDs mode) {
-        host.Reset();
-        const unsigned int rc = grabber->StartCapture(1, 1, mode, &Host::OnImage, &Host::OnResult,
-                                                      &Host::OnError, &Host::OnWarning, &host);
-        // A mode the plug-in does not list (rolled) captures all the same.
-        if (rc != 0 && rc != (vc::FGERR_FLAG | vc::FGERR_DETECTION_NOT_SUPPORTED)) {
-            throw std::runtime_error("StartCapture failed: " + std::to_string(rc));
-        }
-    }
-    double Stop() {
-        const auto t0 = Clock::now();
-        grabber->StopCapture(1);
-        return Seconds(t0, Clock::now());
-    }
-};
-
 // ---- one configuration ----------------------------------------------------
 
-std::string Number(double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.6g", value);
-    return text;
-}
-
-// Everything of one configuration, as a JSON object.
-struct Report {
-    std::string json = "{";
-    void Add(const char* key, double value) { Field(key, Number(value)); }
-    void Add(const char* key, const std::string& text) { Field(key, "\"" + text + "\""); }
-    void AddArray(const char* key, const std::vector<double>& values) {
-        std::string list = "[";
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            list += (i ? "," : "") + Number(values[i]);
-        }
-        Field(key, list + "]");
-    }
-    void Field(const char* key, const std::string& value) {
-        json += (json.size() > 1 ? "," : "") + std::string("\"") + key + "\":" + value;
-    }
-    std::string Done() const { return json + "}"; }
-};
+// Everything of one configuration, as a JSON object whose keys keep their
+// order.
+using Report = nlohmann::ordered_json;
 
 void SetEnvironment(const Mode& mode, Size size, bool realtime) {
     setenv("KR7SIM_SCENARIO", mode.scenario, 1);
@@ -350,17 +316,17 @@ void SetEnvironment(const Mode& mode, Size size, bool realtime) {
 }
 
 // The device's and the calibration's own time per frame, with the floor.
-void MeasureStandIns(const StandIns& s, const Mode& mode, Size size, Report& report) {
-    const auto open = Symbol<OpenFn>(s.scanner, "ftrScanOpenDevice");
-    const auto close = Symbol<CloseFn>(s.scanner, "ftrScanCloseDevice");
-    const auto dose = Symbol<DoseFn>(s.scanner, "ftrScanGetImageByVariableDose");
-    const auto present = Symbol<PresentFn>(s.scanner, "ftrScanIsFingerPresent");
-    const auto extSize = Symbol<ExtSizeFn>(s.scanner, "ftrScanGetExtMemorySize");
-    const auto extRead = Symbol<ExtReadFn>(s.scanner, "ftrScanRestoreExtMemory");
-    const auto calCreate = Symbol<CalCreateFn>(s.calibration, "CalibrateCreate");
-    const auto calDelete = Symbol<CalDeleteFn>(s.calibration, "CalibrateDelete");
-    const auto calSet = Symbol<CalSetFn>(s.calibration, "CalibrateSetData");
-    const auto calibrate = Symbol<CalFn>(s.calibration, "Calibrate");
+void MeasureStandIns(const Mode& mode, Size size, Report& report) {
+    const auto open = Symbol<OpenFn>("ftrScanOpenDevice");
+    const auto close = Symbol<CloseFn>("ftrScanCloseDevice");
+    const auto dose = Symbol<DoseFn>("ftrScanGetImageByVariableDose");
+    const auto present = Symbol<PresentFn>("ftrScanIsFingerPresent");
+    const auto extSize = Symbol<ExtSizeFn>("ftrScanGetExtMemorySize");
+    const auto extRead = Symbol<ExtReadFn>("ftrScanRestoreExtMemory");
+    const auto calCreate = Symbol<CalCreateFn>("CalibrateCreate");
+    const auto calDelete = Symbol<CalDeleteFn>("CalibrateDelete");
+    const auto calSet = Symbol<CalSetFn>("CalibrateSetData");
+    const auto calibrate = Symbol<CalFn>("Calibrate");
 
     void* device = open();
     if (device == nullptr) {
@@ -432,54 +398,55 @@ void MeasureStandIns(const StandIns& s, const Mode& mode, Size size, Report& rep
         calibration_s, copies);
     calDelete(&cal);
 
-    report.Add("device_us", Percentile(device_s, 0.5) * 1e6);
-    report.Add("calibration_us", Percentile(calibration_s, 0.5) * 1e6);
-    report.Add("memcpy_us", Percentile(copies, 0.5) * 1e6);
-    report.Add("memcpy_mean_us", Mean(copies) * 1e6);
+    report["device_us"] = Percentile(device_s, 0.5) * 1e6;
+    report["calibration_us"] = Percentile(calibration_s, 0.5) * 1e6;
+    report["memcpy_us"] = Percentile(copies, 0.5) * 1e6;
+    report["memcpy_mean_us"] = Mean(copies) * 1e6;
 }
 
 // Steady state at full speed: per-frame intervals and allocations.
-void MeasureSteady(Plugin& plugin, const Mode& mode, long frames, Report& report,
+void MeasureSteady(kr7host::Grabber& grabber, const Mode& mode, long frames, Report& report,
                    std::vector<double>& intervals) {
-    Host host;
+    Host host(grabber, mode.id);
     host.stamps.assign(static_cast<std::size_t>(frames) + 1, 0);
-    plugin.Start(host, mode.id);
+    host.Start();
     const long warmup = 100;
     host.recordFrom = warmup;
     WaitForFrames(host, warmup + frames + 1, 120.0);
-    const double stop = plugin.Stop();
+    const double stop = host.Stop();
     for (std::size_t i = 1; i < host.stamps.size(); ++i) {
         intervals.push_back(static_cast<double>(host.stamps[i] - host.stamps[i - 1]) * 1e-3);
     }
-    report.Add("total_us", Percentile(intervals, 0.5));
-    report.Add("total_mean_us", Mean(intervals));
-    report.Add("total_p99_us", Percentile(intervals, 0.99));
-    report.Add("allocs_per_frame", static_cast<double>(host.allocsAtLast - host.allocsAtFirst) /
-                                       static_cast<double>(frames));
-    report.Add("results_per_frame",
-               static_cast<double>(host.results) / static_cast<double>(host.frames));
-    report.Add("stop_fast_ms", stop * 1e3);
+    report["total_us"] = Percentile(intervals, 0.5);
+    report["total_mean_us"] = Mean(intervals);
+    report["total_p99_us"] = Percentile(intervals, 0.99);
+    report["allocs_per_frame"] =
+        static_cast<double>(host.allocsAtLast - host.allocsAtFirst) / static_cast<double>(frames);
+    report["results_per_frame"] =
+        static_cast<double>(host.results) / static_cast<double>(host.frames);
+    report["stop_fast_ms"] = stop * 1e3;
 }
 
 // Start to first frame, and stop while frames flow, over several cycles.
-void MeasureLatencies(Plugin& plugin, const Mode& mode, int cycles, bool paced, Report& report) {
+void MeasureLatencies(kr7host::Grabber& grabber, const Mode& mode, int cycles, bool paced,
+                      Report& report) {
     std::vector<double> first;
     std::vector<double> stop;
     for (int i = 0; i < cycles; ++i) {
-        Host host;
-        plugin.Start(host, mode.id);
+        Host host(grabber, mode.id);
+        host.Start();
         WaitForFrames(host, paced ? 3 : 50, 30.0);
         first.push_back(static_cast<double>(host.firstFrameNs) * 1e-6);
         if (paced) {
             // Stops at different points of the frame period.
             std::this_thread::sleep_for(std::chrono::microseconds(4000 * (i % 10) + 1000));
         }
-        stop.push_back(plugin.Stop() * 1e3);
+        stop.push_back(host.Stop() * 1e3);
     }
-    report.Add("first_frame_ms", Mean(first));
-    report.Add("first_frame_max_ms", *std::max_element(first.begin(), first.end()));
-    report.Add("stop_ms", Mean(stop));
-    report.Add("stop_max_ms", *std::max_element(stop.begin(), stop.end()));
+    report["first_frame_ms"] = Mean(first);
+    report["first_frame_max_ms"] = *std::max_element(first.begin(), first.end());
+    report["stop_ms"] = Mean(stop);
+    report["stop_max_ms"] = *std::max_element(stop.begin(), stop.end());
 }
 
 struct ThreadTimes {
@@ -527,9 +494,9 @@ double ProcessCpuSeconds() {
 }
 
 // 25 frames per second: CPU time of the worker and of the whole process.
-void MeasurePaced(Plugin& plugin, const Mode& mode, Report& report) {
-    Host host;
-    plugin.Start(host, mode.id);
+void MeasurePaced(kr7host::Grabber& grabber, const Mode& mode, Report& report) {
+    Host host(grabber, mode.id);
+    host.Start();
     WaitForFrames(host, 25, 10.0);  // a second of warm-up
     const pid_t tid = host.workerTid;
     const ThreadTimes t0 = ReadThreadTimes(tid);
@@ -545,43 +512,43 @@ void MeasurePaced(Plugin& plugin, const Mode& mode, Report& report) {
     clock_gettime(host.workerClock, &c1);
     const long frames1 = host.frames;
     const double wall = Seconds(w0, Clock::now());
-    plugin.Stop();
+    host.Stop();
     const double clock = static_cast<double>(c1.tv_sec - c0.tv_sec) +
                          static_cast<double>(c1.tv_nsec - c0.tv_nsec) * 1e-9;
-    report.Add("fps", static_cast<double>(frames1 - frames0) / wall);
-    report.Add("worker_cpu_percent_stat", (t1.statSeconds - t0.statSeconds) / wall * 100);
-    report.Add("worker_cpu_percent_schedstat", (t1.schedSeconds - t0.schedSeconds) / wall * 100);
-    report.Add("worker_cpu_percent_clock", clock / wall * 100);
-    report.Add("host_cpu_percent", (process1 - process0) / wall * 100);
+    report["fps"] = static_cast<double>(frames1 - frames0) / wall;
+    report["worker_cpu_percent_stat"] = (t1.statSeconds - t0.statSeconds) / wall * 100;
+    report["worker_cpu_percent_schedstat"] = (t1.schedSeconds - t0.schedSeconds) / wall * 100;
+    report["worker_cpu_percent_clock"] = clock / wall * 100;
+    report["host_cpu_percent"] = (process1 - process0) / wall * 100;
 }
 
-std::string RunConfiguration(const Mode& mode, Size size, bool paced, const Options& options) {
+Report RunConfiguration(const Mode& mode, Size size, bool paced, const Options& options) {
     SetEnvironment(mode, size, paced);
-    const StandIns standIns = LoadStandIns();
+    const kr7host::Library files(Files());
     Report report;
-    report.Add("mode", std::string(mode.name));
-    report.Add("size", std::to_string(size.width) + "x" + std::to_string(size.height));
-    report.Add("paced", paced ? 1.0 : 0.0);
+    report["mode"] = mode.name;
+    report["size"] = std::to_string(size.width) + "x" + std::to_string(size.height);
+    report["paced"] = paced ? 1 : 0;
     if (!options.steadyOnly) {
-        MeasureStandIns(standIns, mode, size, report);
+        MeasureStandIns(mode, size, report);
     }
-    Plugin plugin;
+    kr7host::Grabber grabber(files);
     if (paced) {
-        MeasurePaced(plugin, mode, report);
-        MeasureLatencies(plugin, mode, 20, true, report);
-        return report.Done();
+        MeasurePaced(grabber, mode, report);
+        MeasureLatencies(grabber, mode, 20, true, report);
+        return report;
     }
     std::vector<double> intervals;
-    MeasureSteady(plugin, mode, options.frames, report, intervals);
+    MeasureSteady(grabber, mode, options.frames, report, intervals);
     if (!options.steadyOnly) {
-        MeasureLatencies(plugin, mode, 10, false, report);
-        report.AddArray("frame_us", intervals);
+        MeasureLatencies(grabber, mode, 10, false, report);
+        report["frame_us"] = intervals;
     }
-    return report.Done();
+    return report;
 }
 
 // Runs a configuration in a child process; returns its JSON object.
-std::string InChild(const Mode& mode, Size size, bool paced, const Options& options) {
+Report InChild(const Mode& mode, Size size, bool paced, const Options& options) {
     int pipeEnds[2];
     if (pipe(pipeEnds) != 0) {
         throw std::runtime_error("pipe failed");
@@ -593,7 +560,7 @@ std::string InChild(const Mode& mode, Size size, bool paced, const Options& opti
         int code = 0;
         std::string json;
         try {
-            json = RunConfiguration(mode, size, paced, options);
+            json = RunConfiguration(mode, size, paced, options).dump();
         } catch (const std::exception& e) {
             std::fprintf(stderr, "%s %dx%d: %s\n", mode.name, size.width, size.height, e.what());
             code = 1;
@@ -623,17 +590,15 @@ std::string InChild(const Mode& mode, Size size, bool paced, const Options& opti
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || json.empty()) {
         throw std::runtime_error(std::string("configuration failed: ") + mode.name);
     }
-    return json;
+    return Report::parse(json);
 }
 
-// A number of a flat JSON object written by Report.
-double Field(const std::string& json, const char* key) {
-    const std::string needle = std::string("\"") + key + "\":";
-    const std::size_t at = json.find(needle);
-    return at == std::string::npos ? -1 : std::atof(json.c_str() + at + needle.size());
+// A figure of a configuration; -1 when it has none.
+double Field(const Report& json, const char* key) {
+    return json.value(key, -1.0);
 }
 
-void PrintSteady(const std::string& json, const Mode& mode, Size size) {
+void PrintSteady(const Report& json, const Mode& mode, Size size) {
     const double memcpyUs = Field(json, "memcpy_us");
     const double plugin =
         Field(json, "total_us") - Field(json, "device_us") - Field(json, "calibration_us");
@@ -697,26 +662,24 @@ int main(int argc, char** argv) {
     }
     try {
         if (options.onlyMode != nullptr) {
-            const std::string json =
+            const Report json =
                 RunConfiguration(*options.onlyMode, options.onlySize, false, options);
-            std::printf("%s\n", options.steadyOnly ? json.c_str() : "");
+            std::printf("%s\n", options.steadyOnly ? json.dump().c_str() : "");
             if (!options.steadyOnly) {
                 PrintSteady(json, *options.onlyMode, options.onlySize);
             }
             return 0;
         }
-        std::string all = "{\"build_type\":\"" KR7_BUILD_TYPE "\",\"configurations\":[";
-        bool firstEntry = true;
+        Report all = {{"build_type", KR7_BUILD_TYPE}, {"configurations", Report::array()}};
         for (const Size size : kSizes) {
             for (const Mode& mode : kModes) {
-                const std::string json = InChild(mode, size, false, options);
+                Report json = InChild(mode, size, false, options);
                 PrintSteady(json, mode, size);
-                all += (firstEntry ? "" : ",") + json;
-                firstEntry = false;
+                all["configurations"].push_back(std::move(json));
             }
         }
         if (options.realtime) {
-            const std::string json = InChild(kModes[0], kSizes[0], true, options);
+            Report json = InChild(kModes[0], kSizes[0], true, options);
             std::printf(
                 "live at 25 fps (%.1f fps): worker %.3f %% of a core (/proc stat %.1f %%, "
                 "schedstat %.3f %%), process %.3f %%; first frame %.2f ms (max %.2f), "
@@ -726,17 +689,15 @@ int main(int argc, char** argv) {
                 Field(json, "host_cpu_percent"), Field(json, "first_frame_ms"),
                 Field(json, "first_frame_max_ms"), Field(json, "stop_ms"),
                 Field(json, "stop_max_ms"));
-            all += "," + json;
+            all["configurations"].push_back(std::move(json));
         }
-        all += "]}\n";
         if (!options.out.empty()) {
-            FILE* file = std::fopen(options.out.c_str(), "w");
-            if (file == nullptr) {
+            std::ofstream file(options.out);
+            file << all.dump() << "\n";
+            if (!file.flush()) {
                 std::perror(options.out.c_str());
                 return 1;
             }
-            std::fputs(all.c_str(), file);
-            std::fclose(file);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_plugin_end_to_end: %s\n", e.what());
