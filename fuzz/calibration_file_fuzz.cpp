@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Check(error != 0);
     }
     if (size < 100) {
-        Check(error == vc::vc::FGERR_CALIBRATION_CORRUPT);
+        Check(error == vc::FGERR_CALIBRATION_CORRUPT);
     } else {
         Check((error == 0) == LibraryAccepts(data + 100, size - 100));
     }
