@@ -2,7 +2,9 @@
 """Converts 8-bit binary PGM files (P5) to greyscale PNG files.
 
 Usage: pgm_to_png.py IN.pgm [OUT.png] [--scale N]
-Only the standard library is used (zlib for the compressed image data).
+The PNG carries the scanner's 500 pixels per inch (divided by N) in its pHYs
+chunk, so that fingerprint tools read the scale. Only the standard library is
+used (zlib for the compressed image data).
 """
 import struct
 import sys
@@ -44,16 +46,21 @@ def downscale(width, height, pixels, n):
     return w2, h2, bytes(out)
 
 
-def write_png(path, width, height, pixels):
+SCANNER_PPI = 500
+
+
+def write_png(path, width, height, pixels, ppi=SCANNER_PPI):
     def chunk(kind, body):
         crc = zlib.crc32(kind + body) & 0xFFFFFFFF
         return struct.pack(">I", len(body)) + kind + body + struct.pack(">I", crc)
 
     raw = b"".join(b"\x00" + pixels[y * width:(y + 1) * width] for y in range(height))
     header = struct.pack(">IIBBBBB", width, height, 8, 0, 0, 0, 0)
+    per_metre = round(ppi / 0.0254)
     with open(path, "wb") as f:
         f.write(b"\x89PNG\r\n\x1a\n")
         f.write(chunk(b"IHDR", header))
+        f.write(chunk(b"pHYs", struct.pack(">IIB", per_metre, per_metre, 1)))
         f.write(chunk(b"IDAT", zlib.compress(raw, 9)))
         f.write(chunk(b"IEND", b""))
 
@@ -71,7 +78,7 @@ def main(argv):
     w, h, px = read_pgm(src)
     if scale > 1:
         w, h, px = downscale(w, h, px, scale)
-    write_png(dst, w, h, px)
+    write_png(dst, w, h, px, SCANNER_PPI // scale)
 
 
 if __name__ == "__main__":
