@@ -27,11 +27,6 @@ thread_local const void* t_pInside = nullptr;
 
 }  // namespace
 
-// The count of each kind of callback, in the order of Kind.
-std::atomic<long> Capture::AtomicCounts::*const Capture::kCounter[6] = {
-    &AtomicCounts::starts, &AtomicCounts::images,   &AtomicCounts::results,
-    &AtomicCounts::errors, &AtomicCounts::warnings, &AtomicCounts::stops};
-
 // Entry and exit of every callback: finds the capture, counts the callback
 // as under way (Stop and the destructor wait for it) and checks it.
 class Capture::Visit {
@@ -56,10 +51,10 @@ public:
         m_pOuter = t_pInside;
         t_pInside = m_pCapture;
         if (m_pCapture->m_bClosed.load()) {
-            m_pCapture->m_Counts.late.fetch_add(1);
+            m_pCapture->m_nLate.fetch_add(1);
         }
         if (handle != m_pCapture->m_nHandle.load() || tag != m_pCapture->m_Options.channel) {
-            m_pCapture->m_Counts.strays.fetch_add(1);
+            m_pCapture->m_nStrays.fetch_add(1);
         }
     }
     ~Visit() {
@@ -137,23 +132,24 @@ void Capture::Stop() {
         m_bStarted = false;
         m_bClosed.store(true);
         if (m_nInside.load() != 0) {
-            m_Counts.late.fetch_add(1);
+            m_nLate.fetch_add(1);
         }
     }
     m_rGrabber.Check("StopCapture", result);
 }
 
 Counts Capture::Totals() const {
+    const auto of = [this](Kind kind) { return m_nByKind[static_cast<int>(kind)].load(); };
     Counts counts;
-    counts.starts = m_Counts.starts.load();
-    counts.stops = m_Counts.stops.load();
-    counts.images = m_Counts.images.load();
-    counts.results = m_Counts.results.load();
-    counts.errors = m_Counts.errors.load();
-    counts.warnings = m_Counts.warnings.load();
-    counts.dropped = m_Counts.dropped.load();
-    counts.strays = m_Counts.strays.load();
-    counts.late = m_Counts.late.load();
+    counts.starts = of(Kind::Start);
+    counts.stops = of(Kind::Stop);
+    counts.images = of(Kind::Image);
+    counts.results = of(Kind::Result);
+    counts.errors = of(Kind::Error);
+    counts.warnings = of(Kind::Warning);
+    counts.dropped = m_nDropped.load();
+    counts.strays = m_nStrays.load();
+    counts.late = m_nLate.load();
     return counts;
 }
 
@@ -184,7 +180,7 @@ void Capture::Arrive(void* user, Kind kind, int handle, unsigned int tag, Fill f
     delivery.handle = handle;
     delivery.tag = tag;
     fill(*self, delivery);
-    self->m_Counts.*kCounter[static_cast<int>(kind)] += 1;
+    self->m_nByKind[static_cast<int>(kind)].fetch_add(1);
     self->Deliver(delivery);
     if (kind == Kind::Stop) {
         self->m_bStopped.store(true);
@@ -204,7 +200,7 @@ void Capture::OnResult(int handle, unsigned int tag, int result, unsigned char* 
         delivery.frame = self.m_nFrame.load() - 1;
         delivery.image = BitmapView(image);
         if (result != self.m_Options.mode) {
-            self.m_Counts.strays.fetch_add(1);
+            self.m_nStrays.fetch_add(1);
         }
     });
 }
@@ -230,7 +226,7 @@ void Capture::OnStop(int handle, unsigned int tag, void* user) {
 void Capture::Deliver(const Delivery& delivery) {
     if ((delivery.kind == Kind::Image || delivery.kind == Kind::Result) &&
         !delivery.image.Valid()) {
-        m_Counts.strays.fetch_add(1);
+        m_nStrays.fetch_add(1);
     }
     if (m_Handler) {
         m_Handler(delivery);
@@ -241,11 +237,7 @@ void Capture::Deliver(const Delivery& delivery) {
 
 void Capture::Queue(const Delivery& delivery) {
     Event event;
-    event.kind = delivery.kind;
-    event.handle = delivery.handle;
-    event.tag = delivery.tag;
-    event.result = delivery.result;
-    event.frame = delivery.frame;
+    static_cast<Call&>(event) = delivery;
     if (delivery.text != nullptr) {
         event.text = delivery.text;
     }
@@ -265,7 +257,7 @@ void Capture::Queue(const Delivery& delivery) {
             m_Spare = std::move(oldest->image);
             m_Queue.erase(oldest);
             --m_nQueuedImages;
-            m_Counts.dropped.fetch_add(1);
+            m_nDropped.fetch_add(1);
         }
         m_nQueuedImages += live ? 1 : 0;
         m_Queue.push_back(std::move(event));

@@ -31,23 +31,21 @@ void PutLe(std::vector<unsigned char>& out, std::uint32_t value, int bytes) {
     }
 }
 
-// The identity grey ramp, the colour table of every image of the plug-in:
-// as the table lies in a block (blue, green, red, 0) and as grey levels.
+// The identity grey ramp, the colour table of every image of the plug-in,
+// as it lies in a block: blue, green, red, 0.
 struct GreyRampTable {
     unsigned char table[4 * 256];
-    std::uint8_t grey[256];
     GreyRampTable() {
         for (unsigned i = 0; i < 256; ++i) {
             table[4 * i] = table[4 * i + 1] = table[4 * i + 2] = static_cast<unsigned char>(i);
             table[4 * i + 3] = 0;
-            grey[i] = static_cast<std::uint8_t>(i);
         }
     }
 };
 
-const GreyRampTable& TheGreyRamp() {
+bool IsGreyRamp(const unsigned char* palette, std::size_t colours) {
     static const GreyRampTable ramp;
-    return ramp;
+    return colours == 256 && std::memcmp(palette, ramp.table, sizeof ramp.table) == 0;
 }
 
 std::size_t Padded(int width) {
@@ -226,20 +224,9 @@ BitmapView::BitmapView(const unsigned char* block, std::size_t size) {
         return;
     }
     const unsigned char* palette = block + kInfoHeaderSize;
-    const GreyRampTable& ramp = TheGreyRamp();
-    if (colours == 256 && std::memcmp(palette, ramp.table, sizeof ramp.table) == 0) {
-        // The plug-in's table, met at every callback: the grey levels without
-        // the arithmetic below, which would cost a callback microseconds.
-        std::memcpy(m_Grey, ramp.grey, sizeof m_Grey);
-        m_bGreyRamp = true;
-    } else {
-        m_bGreyRamp = colours == 256;
-        for (std::size_t i = 0; i < colours; ++i) {
-            const unsigned b = palette[4 * i], g = palette[4 * i + 1], r = palette[4 * i + 2];
-            m_Grey[i] = static_cast<std::uint8_t>((299 * r + 587 * g + 114 * b + 500) / 1000);
-            m_bGreyRamp = m_bGreyRamp && b == i && g == i && r == i;
-        }
-    }
+    m_bGreyRamp = IsGreyRamp(palette, colours);
+    m_pPalette = palette;
+    m_nColours = colours;
     m_nWidth = width;
     m_nHeight = rows;
     m_bBottomUp = height > 0;
@@ -255,14 +242,23 @@ const unsigned char* BitmapView::Row(int y) const {
 
 void BitmapView::CopyTo(std::uint8_t* out, std::size_t outStride) const {
     const auto width = static_cast<std::size_t>(m_nWidth);
+    if (m_bGreyRamp) {
+        for (int y = 0; y < m_nHeight; ++y, out += outStride) {
+            std::memcpy(out, Row(y), width);
+        }
+        return;
+    }
+    // Any other table: each entry's luminance; indices past its end are black.
+    std::uint8_t grey[256] = {};
+    for (std::size_t i = 0; i < m_nColours; ++i) {
+        const unsigned char* entry = m_pPalette + 4 * i;
+        grey[i] = static_cast<std::uint8_t>(
+            (299 * entry[2] + 587 * entry[1] + 114 * entry[0] + 500) / 1000);
+    }
     for (int y = 0; y < m_nHeight; ++y, out += outStride) {
         const unsigned char* row = Row(y);
-        if (m_bGreyRamp) {
-            std::memcpy(out, row, width);
-        } else {
-            for (std::size_t x = 0; x < width; ++x) {
-                out[x] = m_Grey[row[x]];
-            }
+        for (std::size_t x = 0; x < width; ++x) {
+            out[x] = grey[row[x]];
         }
     }
 }

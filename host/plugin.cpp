@@ -217,33 +217,34 @@ void Grabber::Check(const char* operation, unsigned int result) {
     }
 }
 
-std::string Grabber::LastError() {
+// A text by the getters' rule: the size asked first, then the copy, into
+// two zeros more than asked for so that it ends however the copy is cut.
+// Throws for a failed call when `operation` names it.
+std::string Grabber::Text(unsigned int (vc::ClFramegrabber::*get)(char*, unsigned long&),
+                          const char* operation) {
     unsigned long size = 0;
-    m_pGrabber->GetLastError(nullptr, size);
-    std::string text(size + 1, '\0');
-    if (m_pGrabber->GetLastError(&text[0], size) != 0) {
-        return "";
+    const unsigned int query = (m_pGrabber->*get)(nullptr, size);
+    if (operation != nullptr && !SizeAnswer(query)) {
+        throw Failure(operation, query);
     }
-    return text.c_str();
+    std::string text(size + 2, '\0');
+    const unsigned int result = (m_pGrabber->*get)(&text[0], size);
+    if (operation != nullptr) {
+        Check(operation, result);
+    }
+    return result == 0 ? text : std::string();
+}
+
+std::string Grabber::LastError() {
+    return Text(&vc::ClFramegrabber::GetLastError, nullptr).c_str();
 }
 
 std::string Grabber::Version() {
-    unsigned long size = 0;
-    m_pGrabber->GetVersion(nullptr, size);
-    std::string text(size + 1, '\0');
-    Check("GetVersion", m_pGrabber->GetVersion(&text[0], size));
-    return text.c_str();
+    return Text(&vc::ClFramegrabber::GetVersion, "GetVersion").c_str();
 }
 
 std::vector<std::string> Grabber::Info() {
-    unsigned long size = 0;
-    const unsigned int query = m_pGrabber->GetInfo(nullptr, size);
-    if (!SizeAnswer(query)) {
-        throw Failure("GetInfo", query);
-    }
-    // Two zeros more than asked for: the list ends however the copy is cut.
-    std::string packed(size + 2, '\0');
-    Check("GetInfo", m_pGrabber->GetInfo(&packed[0], size));
+    const std::string packed = Text(&vc::ClFramegrabber::GetInfo, "GetInfo");
     // Zero-terminated texts, the list ended by an empty one.
     std::vector<std::string> texts;
     for (std::size_t at = 0; at < packed.size() && packed[at] != '\0';) {
@@ -254,29 +255,13 @@ std::vector<std::string> Grabber::Info() {
 }
 
 std::vector<vc::DeviceInfo> Grabber::Devices() {
-    for (int attempt = 0;; ++attempt) {
-        unsigned long count = 0;
-        const unsigned int query = m_pGrabber->AvailableDevices(nullptr, count);
-        if (!SizeAnswer(query)) {
-            throw Failure("AvailableDevices", query);
-        }
-        std::vector<vc::DeviceInfo> devices(count);
-        if (count == 0) {
-            return devices;
-        }
-        const unsigned int result = m_pGrabber->AvailableDevices(devices.data(), count);
-        // A scanner plugged in between the two calls: ask again.
-        if (result == (vc::FGERR_FLAG | vc::FGERR_MORE_DATA) && attempt < 3) {
-            continue;
-        }
-        Check("AvailableDevices", result);
-        devices.resize(count < devices.size() ? count : devices.size());
-        for (vc::DeviceInfo& device : devices) {
-            device.SerialNumber[sizeof device.SerialNumber - 1] = '\0';
-            device.Description[sizeof device.Description - 1] = '\0';
-        }
-        return devices;
+    std::vector<vc::DeviceInfo> devices =
+        List("AvailableDevices", &vc::ClFramegrabber::AvailableDevices);
+    for (vc::DeviceInfo& device : devices) {
+        device.SerialNumber[sizeof device.SerialNumber - 1] = '\0';
+        device.Description[sizeof device.Description - 1] = '\0';
     }
+    return devices;
 }
 
 void Grabber::SelectDevice(unsigned long index) {
@@ -292,17 +277,25 @@ unsigned long Grabber::ActiveDevice() {
 template <class Id>
 std::vector<Id> Grabber::List(const char* operation,
                               unsigned int (vc::ClFramegrabber::*copy)(Id*, unsigned long&)) {
-    unsigned long count = 0;
-    const unsigned int query = (m_pGrabber->*copy)(nullptr, count);
-    if (!SizeAnswer(query)) {
-        throw Failure(operation, query);
-    }
-    std::vector<Id> list(count);
-    if (count > 0) {
-        Check(operation, (m_pGrabber->*copy)(list.data(), count));
+    for (int attempt = 0;; ++attempt) {
+        unsigned long count = 0;
+        const unsigned int query = (m_pGrabber->*copy)(nullptr, count);
+        if (!SizeAnswer(query)) {
+            throw Failure(operation, query);
+        }
+        std::vector<Id> list(count);
+        if (count == 0) {
+            return list;
+        }
+        const unsigned int result = (m_pGrabber->*copy)(list.data(), count);
+        // The list grew between the two calls (a scanner plugged in): ask again.
+        if (result == (vc::FGERR_FLAG | vc::FGERR_MORE_DATA) && attempt < 3) {
+            continue;
+        }
+        Check(operation, result);
         list.resize(count < list.size() ? count : list.size());
+        return list;
     }
-    return list;
 }
 
 std::vector<vc::eCameraIDs> Grabber::Cameras() {

@@ -29,8 +29,8 @@ namespace kr7host {
 
 enum class Kind { Start, Image, Result, Error, Warning, Stop };
 
-// One callback as the plug-in made it, valid only during the call.
-struct Delivery {
+// What every callback tells, whatever else it carries.
+struct Call {
     Kind kind = Kind::Image;
     int handle = 0;        // the handle given to Start
     unsigned int tag = 0;  // the channel's callback tag (its number)
@@ -38,17 +38,16 @@ struct Delivery {
     // Image: its number in this capture, from 0. Result: the number of the
     // image before it (-1 when none came yet).
     std::int64_t frame = -1;
+};
+
+// One callback as the plug-in made it, valid only during the call.
+struct Delivery : Call {
     BitmapView image;            // Image, Result
     const char* text = nullptr;  // Error, Warning
 };
 
 // The same, owned, as the queue hands it over.
-struct Event {
-    Kind kind = Kind::Image;
-    int handle = 0;
-    unsigned int tag = 0;
-    int result = 0;
-    std::int64_t frame = -1;
+struct Event : Call {
     Image image;
     std::string text;
 };
@@ -103,7 +102,6 @@ public:
     // ended, by Stop or by an error.
     bool Stopped() const { return m_bStopped.load(); }
     Counts Totals() const;
-    const Options& Settings() const { return m_Options; }
 
     // Callbacks that reached no capture of this process: a context no
     // capture owns, or one already destroyed.
@@ -136,11 +134,10 @@ private:
     std::atomic<int> m_nInside{0};      // callbacks under way
     std::atomic<bool> m_bStopped{false};
     std::atomic<std::int64_t> m_nFrame{0};
-    struct AtomicCounts {
-        std::atomic<long> starts{0}, stops{0}, images{0}, results{0}, errors{0}, warnings{0},
-            dropped{0}, strays{0}, late{0};
-    } m_Counts;
-    static std::atomic<long> AtomicCounts::*const kCounter[6];
+    std::atomic<long> m_nByKind[6] = {};  // callbacks of each Kind
+    std::atomic<long> m_nDropped{0};
+    std::atomic<long> m_nStrays{0};
+    std::atomic<long> m_nLate{0};
 
     mutable std::mutex m_QueueMutex;
     std::condition_variable m_QueueChanged;

@@ -18,7 +18,9 @@ constexpr int kScannerPpi = 500;
 // unless the height is negative. A view of a block the header does not
 // describe so is invalid. The view is good as long as the block is (for a
 // callback's image, until the callback returns). Making one is cheap enough
-// for every callback: the plug-in's grey ramp is recognised by comparison.
+// for every callback: it reads the header and compares the colour table
+// with the plug-in's grey ramp; grey levels are worked out only when a
+// view of another table is copied.
 class BitmapView {
 public:
     BitmapView() = default;
@@ -41,8 +43,6 @@ public:
     // Whether the colour table is the identity grey ramp (index = grey),
     // as in every image of the plug-in: rows are then grey as they stand.
     bool GreyRamp() const { return m_bGreyRamp; }
-    // Grey level of a colour-table index.
-    std::uint8_t Grey(unsigned char index) const { return m_Grey[index]; }
     // Writes the grey levels top-down into `out`, rows `outStride` apart.
     void CopyTo(std::uint8_t* out, std::size_t outStride) const;
 
@@ -53,8 +53,9 @@ private:
     bool m_bBottomUp = true;
     bool m_bGreyRamp = false;
     std::size_t m_nStride = 0;
+    const unsigned char* m_pPalette = nullptr;
+    std::size_t m_nColours = 0;
     const unsigned char* m_pPixels = nullptr;
-    std::uint8_t m_Grey[256] = {};
 };
 
 // An 8-bit grey image owned by the host: rows top-down, no padding.

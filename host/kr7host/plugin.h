@@ -130,6 +130,8 @@ public:
     void OnEvent(EventHandler handler, unsigned int channel = 1);
 
 private:
+    std::string Text(unsigned int (vc::ClFramegrabber::*get)(char*, unsigned long&),
+                     const char* operation);
     template <class Id>
     std::vector<Id> List(const char* operation,
                          unsigned int (vc::ClFramegrabber::*copy)(Id*, unsigned long&));

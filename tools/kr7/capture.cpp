@@ -100,7 +100,6 @@ public:
 
     void Frame(Shot&& shot) {
         m_bFinger = shot.quality.area >= kFingerArea;
-        ++m_nFrames;
         if (!IsFingerMode(m_eMode)) {
             Hand(std::move(shot));
         } else if (m_eMode != vc::eCaptureRolledFinger && m_Best && !m_bFinger &&
@@ -129,7 +128,6 @@ public:
     }
 
     std::vector<Shot> TakeReady() { return std::exchange(m_vReady, {}); }
-    int Frames() const { return m_nFrames; }
 
     // What a person at a terminal is asked to do.
     const char* Prompt() const {
@@ -162,7 +160,6 @@ private:
     const vc::eCaptureModeIDs m_eMode;
     const int m_nWanted;
     int m_nHanded = 0;
-    int m_nFrames = 0;  // frames looked at
     bool m_bFinger = false;
     std::optional<Shot> m_Best;  // of the placement on the platen
     std::int64_t m_nLastResultFrame = -2;

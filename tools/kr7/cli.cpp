@@ -128,12 +128,8 @@ const CommandHelp kCommandHelp[] = {
      "  kr7 prop set 6 100\n"},
 };
 
-std::string UsageFailure(const std::string& what) {
-    return what + "\n" + kUsage + "(kr7 --help for more)";
-}
-
 Failure BadUsage(const std::string& what) {
-    return Failure(kBadUsage, UsageFailure(what));
+    return Failure(kBadUsage, what + "\n" + kUsage + "(kr7 --help for more)");
 }
 
 std::string HelpOf(const std::string& command) {
