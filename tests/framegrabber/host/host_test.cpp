@@ -139,37 +139,6 @@ TEST_F(Host, WithoutTheLoggingLibraryEverythingWorks) {
     EXPECT_NO_THROW(fg.Shutdown());
 }
 
-TEST_F(Host, PlainFingerCaptureDeliversFramesAndResults) {
-    kr7host::Grabber fg(*library);
-    kr7host::Counts counts;
-    const std::vector<kr7host::Event> events = CaptureUntil(
-        fg, vc::eCapturePlainFinger,
-        [](const auto& events) { return Count(events, kr7host::Kind::Result) >= 2; }, counts);
-    EXPECT_GE(Count(events, kr7host::Kind::Result), 2);
-    EXPECT_GT(Count(events, kr7host::Kind::Image), 10);
-    EXPECT_EQ(1, counts.starts);
-    EXPECT_EQ(1, counts.stops);
-    EXPECT_EQ(0, counts.errors);
-    // Handle, channel, result type and every image as the contract says.
-    EXPECT_EQ(0, counts.strays);
-    EXPECT_EQ(0, counts.late);
-    for (const kr7host::Event& event : events) {
-        EXPECT_EQ(11, event.handle);
-        EXPECT_EQ(1u, event.tag);
-    }
-    EXPECT_NO_THROW(fg.Shutdown());
-}
-
-TEST_F(Host, ContaminationOfThePlaten) {
-    kr7host::Grabber fg(*library);
-    EXPECT_GE(fg.Contamination(), 0.0);
-    double contamination = -1;
-    EXPECT_EQ(vc::FGERR_FLAG | vc::FGERR_BAD_CHANNEL,
-              fg->ContaminationDetection(2, &contamination));
-    EXPECT_EQ("Incorrect channel number for frame grabber", fg.LastError());
-    EXPECT_NO_THROW(fg.Shutdown());
-}
-
 TEST_F(Host, ScannerListAndSelection) {
     setenv("KR7SIM_UNITS", "if=0,serial=KR7UNIT0;if=2,serial=KR7UNIT2", 1);
     kr7host::Grabber fg(*library);
