@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "detection/image_detection.h"
-#include "detection/rolled_finger.h"
 #include "frames.h"
 
 namespace {
@@ -12,20 +11,12 @@ namespace {
 using frames::Bitmap;
 using vc::ClImageDetection;
 
-TEST(DetectionFactory, OneDetectorPerCaptureMode) {
-    for (int mode : {-1, 0, 1, 2, 3, 4, 5, 100}) {
-        std::unique_ptr<ClImageDetection> detector(
-            ClImageDetection::Create(static_cast<vc::eCaptureModeIDs>(mode)));
-        EXPECT_EQ(detector ? detector->Type() : -1, mode >= 0 && mode <= 4 ? mode : -1);
-    }
-    std::unique_ptr<ClImageDetection> rolled(ClImageDetection::Create(vc::eCaptureRolledFinger));
-    EXPECT_NE(dynamic_cast<vc::ClRolledFingerVC1*>(rolled.get()), nullptr);
-}
-
 // The channel hands detectors that say they assign their output the same
 // result bitmap frame after frame: what an earlier frame left in it must
 // never change what a frame gives. Each detector sees the same sequence once
-// with an empty output every frame and once with one reused output.
+// with an empty output every frame and once with one reused output. (The
+// factory's answer for other modes is StartCapture's error 51, in the
+// facade's and the channel's tests.)
 TEST(DetectionFactory, DetectorsThatAssignTheirOutputIgnoreWhatItHeld) {
     const std::vector<Bitmap> sequence = {
         frames::Uniform(64, 8, 250),     frames::Band(64, 8, 10, 20, 90),
@@ -37,7 +28,8 @@ TEST(DetectionFactory, DetectorsThatAssignTheirOutputIgnoreWhatItHeld) {
             ClImageDetection::Create(static_cast<vc::eCaptureModeIDs>(mode)));
         std::unique_ptr<ClImageDetection> reused(
             ClImageDetection::Create(static_cast<vc::eCaptureModeIDs>(mode)));
-        ASSERT_TRUE(fresh->AssignsOutput()) << mode;
+        ASSERT_TRUE(fresh && fresh->AssignsOutput()) << mode;
+        EXPECT_EQ(fresh->Type(), mode);
         Bitmap kept = frames::Uniform(100, 3, 7);  // another format, other pixels
         for (std::size_t i = 0; i < sequence.size(); ++i) {
             Bitmap a = sequence[i];
@@ -51,6 +43,7 @@ TEST(DetectionFactory, DetectorsThatAssignTheirOutputIgnoreWhatItHeld) {
     }
     std::unique_ptr<ClImageDetection> preview(ClImageDetection::Create(vc::eCapturePreview));
     EXPECT_FALSE(preview->AssignsOutput());  // leaves its output alone
+    EXPECT_EQ(preview->Type(), vc::eCapturePreview);
 }
 
 TEST(LiveAndPreview, LiveDeliversEveryFramePreviewNone) {
