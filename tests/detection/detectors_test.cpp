@@ -3,6 +3,7 @@
 #include <memory>
 #include <vector>
 
+#include "detection/bitmap_utilities.h"
 #include "detection/image_detection.h"
 #include "frames.h"
 
@@ -46,19 +47,6 @@ TEST(DetectionFactory, DetectorsThatAssignTheirOutputIgnoreWhatItHeld) {
     EXPECT_EQ(preview->Type(), vc::eCapturePreview);
 }
 
-TEST(LiveAndPreview, LiveDeliversEveryFramePreviewNone) {
-    vc::ClLiveDetection live;
-    Bitmap output;
-    Bitmap frame = frames::Band(16, 4, 2, 6, 90);
-    EXPECT_TRUE(live.Detect(frame, output));
-    EXPECT_TRUE(frames::SamePixels(output, frame));
-
-    vc::ClPreviewDetection preview;
-    Bitmap untouched = frames::Uniform(8, 2, 7);
-    EXPECT_FALSE(preview.Detect(frame, untouched));
-    EXPECT_EQ(frames::At(untouched, 0, 0), 7);
-}
-
 TEST(PlainFinger, MiddleRowMustAverageBelowTheThresholdsLowByte) {
     vc::ClPlainFingerDetection plain(240);
     vc::ClPlainFingerDetection wide(256 + 240);
@@ -86,6 +74,20 @@ TEST(PlainFinger, MiddleRowMustAverageBelowTheThresholdsLowByte) {
     Bitmap empty;
     EXPECT_FALSE(plain.Detect(empty, output));
     EXPECT_TRUE(output.Empty());
+}
+
+TEST(GrayUtilities, SumAndAverageCountPixelsNotPadding) {
+    Bitmap image = frames::Uniform(5, 3, 100);  // 3 padding bytes per row
+    for (long y = 0; y < 3; ++y) {
+        std::memset(frames::Row(image, y) + 5, 255, 3);
+    }
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Sum(image), 1500);
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Avarage(image), 100);
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Avarage(image, 0, 5), 100);
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Sum(Bitmap()), 0);
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Avarage(Bitmap()), 0);
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Avarage(image, 3, 3), 0);  // empty strips
+    EXPECT_EQ(vc::ClBitmapUtilities::Gray_Avarage(image, 4, 2), 0);
 }
 
 TEST(FastPlainFinger, DeliversTheDarkestFrameWhenLifted) {

@@ -20,15 +20,6 @@ inline unsigned char At(const Bitmap& image, long x, long y) {
     return image.Pixel()[y * image.BPRow() + x];
 }
 
-// Row y as one digit per pixel (for pixel values up to 9).
-inline std::string Digits(const Bitmap& image, long y) {
-    std::string digits;
-    for (long x = 0; x < image.Width(); ++x) {
-        digits += static_cast<char>('0' + At(image, x, y));
-    }
-    return digits;
-}
-
 // Pixels of every row in [x0, x1) := value.
 inline void Fill(Bitmap& image, long x0, long x1, unsigned char value) {
     for (long y = 0; y < image.Height(); ++y) {
