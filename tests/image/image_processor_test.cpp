@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include "base/errors.h"
@@ -111,22 +110,6 @@ TEST(ImageFilter, SubtractBackgroundIntoTheBackgroundComparesTheFrameWithItself)
     EXPECT_EQ(Pixels(back), expected);
 }
 
-TEST(ImageProcessor, FilterProcessorFollowsTheBackgroundItPointsTo) {
-    ClSimpleBitmap frame = Frame();
-    ClSimpleBitmap out;
-    vc::ClImageFilterProcessor noFilter;  // passes the image through
-    noFilter.Execute(frame, out);
-    EXPECT_EQ(Block(out), Block(frame));
-    ClSimpleBitmap back = Frame();
-    vc::ClImageFilterProcessor filter(vc::ClVCImageFilter::Create(1), &back);
-    back.SetBlack();
-    filter.Execute(frame, out);
-    EXPECT_EQ(Pixels(out)[0], 255);
-    back.SetWhite();
-    filter.Execute(frame, out);
-    EXPECT_EQ(Pixels(out)[0], frame.Pixel()[0]);
-}
-
 // Which image each chain delivers: processors that write nothing leave the
 // image before them (or the caller's `out`) as the result.
 TEST(ImageProcessor, ChainResults) {
@@ -185,16 +168,6 @@ TEST(ImageProcessor, ChainFollowsFrameSizeChanges) {
     ClSimpleBitmap empty;
     chain.Execute(empty, out);
     EXPECT_TRUE(out.Empty());
-}
-
-TEST(ImageProcessor, ChainOwnsItsProcessors) {
-    // Processors left undeleted or deleted twice show under the sanitizers.
-    vc::ClImageMacroProcessor chain;
-    chain.Add(new vc::ClImageFlipProcessor);
-    chain.Add(nullptr);  // ignored
-    chain.RemoveAll();
-    chain.Add(new vc::ClImageInvertProcessor);
-    EXPECT_EQ(chain.Processors().size(), 1u);
 }
 
 TEST(ImageProcessor, ChainPassesAllocationFailuresOn) {
