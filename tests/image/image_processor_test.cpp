@@ -181,32 +181,3 @@ TEST(ImageProcessor, ChainPassesAllocationFailuresOn) {
     chain.Execute(frame, out);
     EXPECT_EQ(Block(out), Block(Inverted(frame)));
 }
-
-TEST(ImageFlip, FlipYReversesRows) {
-    vc::ClImageFlip flip;
-    ClSimpleBitmap frame = Grey(3, 3, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
-    ClSimpleBitmap out;
-    flip.FlipY(frame, out);
-    EXPECT_EQ(Pixels(out), (Bytes{9, 10, 11, 12, 5, 6, 7, 8, 1, 2, 3, 4}));
-    flip.FlipY(frame, frame);
-    EXPECT_EQ(Block(frame), Block(out));
-}
-
-TEST(ImageFlip, FlipXMovesWholeImageSizedElementsOnlyWhereTheyFit) {
-    // The element is the whole pixel area: only a single-element image has
-    // one that fits, and it lands where it was.
-    vc::ClImageFlip flip;
-    ClSimpleBitmap one = Grey(1, 1, {7, 8, 9, 10});
-    ClSimpleBitmap column = Grey(1, 3, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0});
-    ClSimpleBitmap frame = Frame();
-    for (ClSimpleBitmap* in : {&one, &column, &frame}) {
-        ClSimpleBitmap out = Frame(99);
-        flip.FlipX(*in, out);
-        EXPECT_EQ(Block(out), Block(*in));
-        flip.FlipXY(*in, out);
-        EXPECT_EQ(Block(out), Block(*in));
-        const ClSimpleBitmap copy(*in);
-        flip.FlipXY(*in, *in);
-        EXPECT_EQ(Block(*in), Block(copy));
-    }
-}

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -52,6 +51,9 @@ TEST(SimpleBitmap, RowAndBlockSizes) {
     EXPECT_EQ(bmp.PixelSize(), 24);
     EXPECT_EQ(bmp.FullSize(), 1064 + 24);
     EXPECT_EQ(bmp.Pixel(), bmp.Data() + 1064);
+    bmp.SetResolution(1000, 96);  // stored as pixels per metre, truncated
+    EXPECT_EQ(bmp.XPels(), 39369);
+    EXPECT_EQ(bmp.YPels(), 3779);
 
     // BitmapSize counts the header's own biSize, FullSize the constant 40.
     bmp.Header()->biSize = 124;
@@ -90,79 +92,6 @@ TEST(SimpleBitmap, EmptyBitmapIsInert) {
     bmp.FlipY();
     bmp.Save(TempPath("never"));
     EXPECT_TRUE(ReadFile(TempPath("never")).empty());
-}
-
-TEST(SimpleBitmap, IndexedPixelsMostSignificantBitsFirst) {
-    // width, bits, x, colour, byte written in row 1, its value
-    const long cases[][6] = {{9, 1, 8, 0xFFFFFF, 1, 0x80},
-                             {4, 2, 1, 0xAAAAAA, 0, 0x20},
-                             {3, 4, 1, 0x777777, 0, 0x07},
-                             {3, 4, 2, 0xFFFFFF, 1, 0xF0},
-                             {3, 8, 2, 0x424242, 2, 0x42}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c[1]);
-        ClSimpleBitmap bmp;
-        bmp.Create(c[0], 2, static_cast<unsigned>(c[1]));
-        bmp.SetBlack();
-        bmp.SetPixel(c[2], 1, static_cast<std::uint32_t>(c[3]));
-        EXPECT_EQ(bmp.Pixel()[bmp.BPRow() + c[4]], c[5]);
-        EXPECT_EQ(bmp.GetPixel(c[2], 1), static_cast<std::uint32_t>(c[3]));
-        EXPECT_EQ(bmp.GetPixel(c[2] - 1, 1), 0u);
-        // Not in the full table: the index would be past what the depth holds.
-        bmp.SetPixel(c[2], 1, 0x123456);
-        EXPECT_EQ(bmp.Pixel()[bmp.BPRow() + c[4]], c[5]);
-    }
-}
-
-TEST(SimpleBitmap, ColourMissingFromShortTableTakesNextIndexIfItFits) {
-    ClSimpleBitmap bmp;
-    bmp.Create(2, 1, 8);
-    bmp.Header()->biClrUsed = 2;  // table: 0x000000, 0x010101
-    bmp.SetBlack();
-    bmp.SetPixel(0, 0, 0x123456);
-    EXPECT_EQ(bmp.Pixel()[0], 2);
-    // Index 2 has no table entry: read as 0 rather than past the table.
-    bmp.Pixel()[1] = 200;
-    EXPECT_EQ(bmp.GetPixel(0, 0), 0u);
-    EXPECT_EQ(bmp.GetPixel(1, 0), 0u);
-}
-
-TEST(SimpleBitmap, DirectColourPixels) {
-    const struct {
-        unsigned bits, compression;
-        long x;
-        std::uint32_t colour, stored;  // the pixel's first byte, or its word at 16 bits
-    } cases[] = {
-        {24, 0, 1, 0x112233, 0x33},  // blue first
-        {32, 0, 1, 0xA1B2C3, 0xC3},
-        {16, 0, 1, 0xFF0000, 0x7C00},  // default masks: red 0x7C00, green 0x03E0, blue 0x001F
-        // Compression 3 reads the masks in stored order: the low bits come first.
-        {16, 3, 0, 0xFF0000, 0x001F},
-        {32, 3, 0, 0x102030, 0x10},
-    };
-    ClSimpleBitmap bmp;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.bits << "/" << c.compression);
-        bmp.Create(2, 1, c.bits, c.compression);
-        bmp.SetPixel(c.x, 0, c.colour);
-        const unsigned char* pixel = bmp.Pixel() + c.x * c.bits / 8;
-        EXPECT_EQ(std::uint32_t(c.bits == 16 ? pixel[0] | pixel[1] << 8 : pixel[0]), c.stored);
-        EXPECT_EQ(bmp.GetPixel(c.x, 0), c.colour);
-    }
-    bmp.Create(2, 1, 12);
-    EXPECT_EQ(bmp.GetPixel(0, 0), 0xFFFFFFFFu);
-}
-
-TEST(SimpleBitmap, MaskData) {
-    // mask, shift, bits: only the lowest run counts.
-    const std::uint32_t cases[][3] = {
-        {0, 32, 0}, {0x03E0, 5, 5}, {0xFFFFFFFF, 0, 32}, {0x0F0F0000, 16, 4}};
-    for (const auto& c : cases) {
-        int shift = -1, bits = -1;
-        ClSimpleBitmap::MaskData(c[0], shift, bits);
-        EXPECT_EQ(shift, static_cast<int>(c[1])) << c[0];
-        EXPECT_EQ(bits, static_cast<int>(c[2])) << c[0];
-    }
 }
 
 TEST(SimpleBitmap, WholeImageOperationsIncludePadding) {
@@ -262,24 +191,4 @@ TEST(SimpleBitmap, ImpossibleHeadersAreRefused) {
     EXPECT_TRUE(bmp.Empty());
     bmp.Create(0, 0, 8);  // no rows is still a bitmap
     EXPECT_EQ(bmp.FullSize(), 1064);
-}
-
-TEST(SimpleBitmap, SaveWritesBmpFile) {
-    ClSimpleBitmap bmp;
-    bmp.Create(2, 2, 8);
-    bmp.SetResolution(1000, 96);  // stored as pixels per metre, truncated
-    EXPECT_EQ(bmp.XPels(), 39369);
-    EXPECT_EQ(bmp.YPels(), 3779);
-    bmp.Pixel()[5] = 20;
-    const std::string path = TempPath("save");
-    std::ofstream(path, std::ios::binary) << std::string(5000, 'x');  // truncated by Save
-    bmp.Save(path);
-    const std::vector<unsigned char> file = ReadFile(path);
-    std::remove(path.c_str());
-    ASSERT_EQ(file.size(), 14u + 40 + 1024 + 8);
-    EXPECT_EQ(std::memcmp(file.data(), "BM\x3E\x04\0\0\0\0\0\0\x36\x04\0\0", 14), 0);
-    EXPECT_EQ(std::memcmp(file.data() + 14, bmp.Data(), bmp.FullSize()), 0);
-
-    EXPECT_EQ(SaveError(bmp, "/nonexistent-dir/x.bmp"), ENOENT);
-    EXPECT_EQ(SaveError(bmp, nullptr), EINVAL);
 }
