@@ -4,8 +4,6 @@
 
 #include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 
@@ -119,60 +117,6 @@ TEST(ConfigFile, SaveReadsBackUnchanged) {
     EXPECT_EQ("[Alpha]\nk\t=\t\n[Empty]\n[Scanner]\nDose\t=\t4\nName\t=\tKR7 front\n", out.str());
     Parse(out.str()).Save(again);
     EXPECT_EQ(out.str(), again.str());
-}
-
-TEST(ConfigSection, AlternativeParsers) {
-    CXConfigSection s;
-    EXPECT_TRUE(s.ParseString(" a = b "));
-    EXPECT_EQ(" b ", s[" a "]);
-    // The value is as long as the position of "#", so part of the comment stays.
-    EXPECT_TRUE(s.ParseString("k=v#comment"));
-    EXPECT_EQ("v#c", s["k"]);
-    EXPECT_FALSE(s.ParseString("k#=v"));
-    EXPECT_FALSE(s.ParseString("no pair"));
-
-    EXPECT_FALSE(s.ParseString1("#a=b"));
-    EXPECT_FALSE(s.ParseString1(" #a=b"));  // the comment leaves no "="
-    // One leading blank on the line keeps one trailing blank on the value.
-    EXPECT_TRUE(s.ParseString1(" x = y "));
-    EXPECT_EQ("y ", s["x"]);
-
-    CXConfigSection loaded;
-    std::istringstream in(
-        "Key =Value\n"
-        "Key =Other\n"  // earlier lines win
-        "Long=v#comment\n"
-        "=first\n"
-        "#x=1\n"
-        "plain\n");
-    loaded.Load(in);
-    EXPECT_EQ("Value", loaded["Key"]);
-    EXPECT_EQ("v#comm", loaded["Lon"]);  // character before "=" dropped
-    EXPECT_EQ("first", loaded[""]);
-    EXPECT_EQ(3u, loaded.size());
-}
-
-TEST(ConfigFile, NoLineMakesTheRulesThrow) {
-    // Every line of up to four characters over the ones the rules look at.
-    const std::string alphabet = "-[]#= \t\rk";  // digit 0 adds no character
-    std::string lines;
-    for (std::size_t code = 0; code < 9 * 9 * 9 * 9; ++code) {
-        for (std::size_t rest = code; rest != 0; rest /= 9) {
-            if (rest % 9 != 0) {
-                lines += alphabet[rest % 9];
-            }
-        }
-        lines += '\n';
-    }
-    CXConfigFile file;
-    CXConfigSection section;
-    std::istringstream in1("[s]\n" + lines), in2(lines), in3(lines);
-    EXPECT_NO_THROW(file.Load(in1));
-    EXPECT_NO_THROW(section.Load(in2));
-    for (std::string line; std::getline(in3, line);) {
-        EXPECT_NO_THROW(section.ParseString(line));
-        EXPECT_NO_THROW(section.ParseString1(line));
-    }
 }
 
 }  // namespace
