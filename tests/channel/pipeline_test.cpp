@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "channel_test_support.h"
+#include "framegrabber/norvak_kr7_framegrabber.h"
 
 namespace kr7test {
 namespace {
@@ -111,10 +112,12 @@ TEST(ChannelSettings, ColourModeAndFilterExcludeEachOther) {
     channel.StopCapture();
 }
 
-// A minimal frame grabber for the idle background refresh: GetImage hands out
-// a block of one grey value or fails with a last error.
-class SnapGrabber : public vc::ClFramegrabber {
+// The facade with its image calls replaced, for the idle background
+// refresh: GetImage hands out a block of one grey value or fails with a
+// last error.
+class SnapGrabber : public vc::ClNorvakKR7Framegrabber {
 public:
+    SnapGrabber() : ClNorvakKR7Framegrabber(nullptr) {}
     unsigned int result = 0;
     std::string lastError;
     unsigned char fill = 77;
@@ -145,46 +148,6 @@ public:
         size = lastError.size();  // the text may come without its terminator
         return 0;
     }
-
-// clang-format off
-#define KR7_STUB(name, ...) \
-    unsigned int name(__VA_ARGS__) override { return 0; }
-    KR7_STUB(GetInfo, char*, unsigned long&)
-    KR7_STUB(GetVersion, char*, unsigned long&)
-    KR7_STUB(SetCamera, unsigned int, vc::eCameraIDs, vc::eColorModeIDs)
-    KR7_STUB(StartCapture, int, unsigned int, vc::eCaptureModeIDs, vc::FGImageCallback,
-             vc::FGResultCallback, vc::FGErrorCallback, vc::FGWarningCallback, void*)
-    KR7_STUB(StopCapture, unsigned int)
-    KR7_STUB(SetFilter, unsigned int, vc::eFilterIDs)
-    KR7_STUB(RefreshBackGround, unsigned int)
-    KR7_STUB(SetResolution, unsigned int, const vc::ClImageResolution&)
-    KR7_STUB(SetFGProperty, vc::ePropertyIDs, unsigned int)
-    KR7_STUB(GetFGProperty, vc::ePropertyIDs, unsigned int&)
-    KR7_STUB(Freeze, unsigned int, bool)
-    KR7_STUB(AvailableCameras, vc::eCameraIDs*, unsigned long&)
-    KR7_STUB(AvailableColorModes, vc::eColorModeIDs*, unsigned long&)
-    KR7_STUB(AvailableDetections, vc::eCaptureModeIDs*, unsigned long&)
-    KR7_STUB(AvailableFilters, vc::eFilterIDs*, unsigned long&)
-    KR7_STUB(AvailableProperties, vc::ePropertyIDs*, unsigned long&)
-    KR7_STUB(EnableEvents, int, unsigned int, vc::FGEventCallback, void*)
-    KR7_STUB(WriteEEPROM, const unsigned char*, unsigned long&)
-    KR7_STUB(ReadEEPROM, unsigned char*, unsigned long&)
-    KR7_STUB(SetAspectRatio, unsigned int, double, double)
-    KR7_STUB(AvailableDevices, vc::DeviceInfo*, unsigned long&)
-    KR7_STUB(SetActiveDevice, unsigned long)
-    KR7_STUB(GetActiveDevice, unsigned long&)
-    KR7_STUB(ShowDialog, vc::eDlgIDs, unsigned long)
-    KR7_STUB(SaveSetting, unsigned int, unsigned long)
-    KR7_STUB(AvailableDialogs, unsigned long, vc::eDlgIDs*, unsigned long&)
-    KR7_STUB(SetFGPropertyEx, unsigned int, vc::ePropertyIDs, unsigned long)
-    KR7_STUB(GetFGPropertyEx, unsigned int, vc::ePropertyIDs, unsigned long&)
-    KR7_STUB(AvailablePropertiesEx, vc::ePropertyIDs*, unsigned long&)
-    KR7_STUB(SetCallbacks, unsigned int, vc::FGStartCallback, vc::FGStopCallback)
-    KR7_STUB(ContaminationDetection, unsigned long, double*)
-    KR7_STUB(Initizalize, vc::ClVCFactory*)
-    KR7_STUB(Uninitialize)
-#undef KR7_STUB
-    // clang-format on
 };
 
 TEST(ChannelBackground, TheFirstFrameAfterEachSettingBecomesTheBackground) {
