@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -12,7 +11,9 @@ namespace {
 // What GuardedCall reports for each kind of exception: the plug-in's own
 // exceptions (subclasses included) keep number and text, every other family
 // member and standard exception becomes 23 with its text, and so do the
-// plug-in's own under the list-copy handlers.
+// plug-in's own under the list-copy handlers. The device-fault table and
+// test_fghost see more of them end to end: 27 and 22 with their texts, 23
+// with a loader's text or "std::bad_alloc".
 TEST(ErrorTranslation, NumbersAndTexts) {
     using H = vc::eHandlers;
     const struct Case {
@@ -21,16 +22,9 @@ TEST(ErrorTranslation, NumbersAndTexts) {
         int number;
         std::string text;
     } cases[] = {
-        {[] { throw vc::ClVCException(vc::err::kBadDeviceIndexText, 27); }, H::All, 27,
-         vc::err::kBadDeviceIndexText},
         {[] { throw vc::ClVCWarning("careful", 5); }, H::All, 5, "careful"},
-        {[] { throw vc::ClQV2NOTImplException(vc::err::kHardwareNotSupportedText, 22); }, H::All,
-         22, vc::err::kHardwareNotSupportedText},
         {[] { throw Nvk::CXSystemException(12); }, H::All, 23, std::strerror(12)},
-        {[] { throw Nvk::CXOtherException("no such library", Nvk::kErrLibraryLoad); }, H::All, 23,
-         "no such library"},
         {[] { throw Nvk::CXMemoryAllocException(); }, H::All, 23, "memory allocation failed"},
-        {[] { throw std::bad_alloc(); }, H::All, 23, std::bad_alloc().what()},
         {[] { throw std::runtime_error("boom"); }, H::All, 23, "boom"},
         {[] { throw vc::ClVCException("x", 4); }, H::FamilyAndStd, 23, "x"},
     };
