@@ -1,6 +1,6 @@
 // A host's capture on channel 1 of a frame grabber: counts what its
 // callbacks receive and checks the header of every image; its image callback
-// may once stop the capture or take an image of its own.
+// may once take an image of its own.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,34 +28,29 @@ inline void ExpectBitmap(const unsigned char* image) {
 }
 
 struct Capture {
-    enum Reaction { None, Stop, Snap };
-
     explicit Capture(vc::ClFramegrabber& grabber) : fg(grabber) {}
 
     vc::ClFramegrabber& fg;
-    Reaction reaction = None;  // set while no capture runs
+    bool snap = false;  // set while no capture runs
     std::atomic<int> images{0};
     std::atomic<int> errors{0};
     std::atomic<int> starts{0};
     std::atomic<int> stops{0};
-    std::atomic<bool> reacted{false};
-    std::atomic<unsigned int> reactionResult{0xFFFFFFFFu};
+    std::atomic<bool> snapped{false};
+    std::atomic<unsigned int> snapResult{0xFFFFFFFFu};
 
     static Capture& Of(void* user) { return *static_cast<Capture*>(user); }
     static void OnImage(int, unsigned int, unsigned char* image, void* user) {
         Capture& self = Of(user);
         ++self.images;
         ExpectBitmap(image);
-        if (self.reaction == None || self.reacted.exchange(true)) {
+        if (!self.snap || self.snapped.exchange(true)) {
             return;
         }
-        unsigned char* snapped = nullptr;
-        self.reactionResult =
-            self.reaction == Stop ? self.fg.StopCapture(1) : self.fg.GetImage(1, &snapped);
-        if (self.reaction == Snap) {
-            ExpectBitmap(snapped);
-            self.fg.FreeImage(snapped);
-        }
+        unsigned char* own = nullptr;
+        self.snapResult = self.fg.GetImage(1, &own);
+        ExpectBitmap(own);
+        self.fg.FreeImage(own);
     }
     static void OnError(int, unsigned int, const char*, void* user) { ++Of(user).errors; }
     static void OnStart(int, unsigned int, void* user) { ++Of(user).starts; }
