@@ -99,17 +99,6 @@ TEST(ImageFilter, SubtractBackgroundPassesOtherFramesThrough) {
     EXPECT_EQ(Pixels(out)[12], 255);
 }
 
-TEST(ImageFilter, SubtractBackgroundIntoTheBackgroundComparesTheFrameWithItself) {
-    ClSimpleBitmap frame = Frame();
-    ClSimpleBitmap back = Frame(200);
-    vc::ClSubtractBackgroundFilter().Do(&frame, &back, &back);
-    Bytes expected = Pixels(frame);
-    for (int x = 0; x < 5; ++x) {
-        expected[x] = expected[8 + x] = 255;
-    }
-    EXPECT_EQ(Pixels(back), expected);
-}
-
 // Which image each chain delivers: processors that write nothing leave the
 // image before them (or the caller's `out`) as the result.
 TEST(ImageProcessor, ChainResults) {

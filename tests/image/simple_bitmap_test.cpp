@@ -1,12 +1,8 @@
 #include "image/simple_bitmap.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "base/errors.h"
@@ -19,24 +15,6 @@ std::uint32_t PaletteEntry(const ClSimpleBitmap& bmp, int i) {
     std::uint32_t v;
     std::memcpy(&v, bmp.Palette() + 4 * i, 4);
     return v;
-}
-
-std::vector<unsigned char> ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-std::string TempPath(const char* name) {
-    return ::testing::TempDir() + name + std::to_string(::getpid()) + ".bmp";
-}
-
-int SaveError(const ClSimpleBitmap& bmp, const char* path) {
-    try {
-        bmp.Save(path);
-    } catch (const Nvk::CXSystemException& e) {
-        return e.GetErrorNumber();
-    }
-    return 0;
 }
 
 }  // namespace
@@ -65,33 +43,21 @@ TEST(SimpleBitmap, RowAndBlockSizes) {
     EXPECT_EQ(bmp.Pixel(), bmp.Data() + 48);
 }
 
-TEST(SimpleBitmap, CreateFillsGreyRampsAndMasks) {
+TEST(SimpleBitmap, CreateFillsAGreyRamp) {
     ClSimpleBitmap bmp;
     bmp.Create(4, 4, 8);
     for (int i = 0; i < 256; ++i) {
         ASSERT_EQ(PaletteEntry(bmp, i), static_cast<std::uint32_t>(i * 0x010101));
     }
-
-    // Compression 3: the first mask word holds the low bits.
-    bmp.Create(3, 2, 24, 3);
-    EXPECT_EQ(bmp.FullSize(), 52 + 2 * 12);
-    EXPECT_EQ(PaletteEntry(bmp, 0), 0x0000FFu);
-    EXPECT_EQ(PaletteEntry(bmp, 2), 0xFF0000u);
-    bmp.Create(3, 2, 24, 0);
-    EXPECT_EQ(bmp.FullSize(), 40 + 2 * 12);
 }
 
 TEST(SimpleBitmap, EmptyBitmapIsInert) {
     ClSimpleBitmap bmp;
     EXPECT_EQ(bmp.FullSize() + bmp.PixelSize() + bmp.BPRow(), 0);
     EXPECT_EQ(bmp.Pixel(), nullptr);
-    EXPECT_EQ(bmp.GetPixel(0, 0), 0u);
-    bmp.SetPixel(0, 0, 1);
     bmp.SetWhite();
     bmp.Invert();
     bmp.FlipY();
-    bmp.Save(TempPath("never"));
-    EXPECT_TRUE(ReadFile(TempPath("never")).empty());
 }
 
 TEST(SimpleBitmap, WholeImageOperationsIncludePadding) {
@@ -157,7 +123,6 @@ TEST(SimpleBitmap, ImpossibleHeadersAreRefused) {
                                    {1, 1, 8, 257},
                                    {10, 10, 0, 0},
                                    {0x7FFFFFFF, 1, 0xFFFF, 0}};
-    const std::string path = TempPath("bad");
     for (const auto& b : bad) {
         SCOPED_TRACE(testing::Message() << b[0] << "x" << b[1] << "x" << b[2]);
         ClSimpleBitmap bmp;
@@ -170,18 +135,16 @@ TEST(SimpleBitmap, ImpossibleHeadersAreRefused) {
         h.biClrUsed = static_cast<std::uint32_t>(b[3]);
         EXPECT_EQ(ClSimpleBitmap::FullSize(&h), 0);
 
-        // A block whose header was damaged after the fact: not saved, and
-        // the whole-image operations touch nothing.
+        // A block whose header was damaged after the fact: the whole-image
+        // operations touch nothing.
         *bmp.Header() = h;
         bmp.SetWhite();
         bmp.Invert();
         bmp.FlipY();
-        EXPECT_EQ(SaveError(bmp, path.c_str()), EINVAL);
         *bmp.Header() = good;
         EXPECT_THROW(bmp.Copy(&h), Nvk::CXMemoryAllocException);
         EXPECT_TRUE(bmp.Empty());
     }
-    EXPECT_TRUE(ReadFile(path).empty());
 
     ClSimpleBitmap bmp;
     EXPECT_THROW(bmp.Create(-1, 5, 8), Nvk::CXMemoryAllocException);
