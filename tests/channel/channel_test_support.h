@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -238,15 +239,12 @@ public:
             },
             this);
     }
-    std::vector<Event> Events() const {
+    // The events of one kind (all of them without a kind).
+    std::vector<Event> Events(int kind = -1) const {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Events;
-    }
-    std::vector<Event> Events(Event::Kind kind) const {
-        std::vector<Event> selected = Events();
-        selected.erase(std::remove_if(selected.begin(), selected.end(),
-                                      [&](const Event& e) { return e.kind != kind; }),
-                       selected.end());
+        std::vector<Event> selected;
+        std::copy_if(m_Events.begin(), m_Events.end(), std::back_inserter(selected),
+                     [&](const Event& e) { return kind < 0 || e.kind == kind; });
         return selected;
     }
     std::vector<Event::Kind> Kinds() const {
