@@ -93,25 +93,6 @@ TEST(ChannelSettings, ChainIsFilterFlipAspectRatioRescaleInThatOrder) {
     EXPECT_TRUE(channel.ProcessingDirty());
 }
 
-TEST(ChannelSettings, ColourModeAndFilterExcludeEachOther) {
-    const char* text = "The filter can not be applied";
-    const auto colour = static_cast<vc::eColorModeIDs>(1);
-    Channel channel;
-    channel.SetFilter(vc::eFilterSubtractBackground);
-    ExpectVCError([&] { channel.SetCamera(vc::eCameraKR7, colour); }, 21, text);
-    channel.SetFilter(vc::eFilterNone);
-    channel.SetCamera(vc::eCameraType7, colour);
-    channel.SetFilter(vc::eFilterSubtractBackground);  // idle: allowed
-    channel.SetFilter(vc::eFilterNone);
-
-    ScriptedSDK sdk;
-    Host host;
-    ASSERT_TRUE(host.Start(channel, eCaptureLive));
-    ExpectVCError([&] { channel.SetFilter(vc::eFilterSubtractBackground); }, 21, text);
-    channel.SetFilter(vc::eFilterNone);  // no filter is always fine
-    channel.StopCapture();
-}
-
 // The facade with its image calls replaced, for the idle background
 // refresh: GetImage hands out a block of one grey value or fails with a
 // last error.
