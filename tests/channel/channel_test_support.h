@@ -212,7 +212,6 @@ struct Event {
     int result;
     std::string text;
     unsigned char middle;
-    void* user;
     std::thread::id thread;
 };
 
@@ -279,7 +278,7 @@ private:
         }
         std::lock_guard<std::mutex> lock(self.m_Mutex);
         self.m_Events.push_back(
-            {kind, h, t, result, text ? text : "(null)", middle, user, std::this_thread::get_id()});
+            {kind, h, t, result, text ? text : "(null)", middle, std::this_thread::get_id()});
     }
 
     mutable std::mutex m_Mutex;
