@@ -153,12 +153,8 @@ TEST(ScanEngine, PhotometryOfTheEmptyPlaten) {
     }
     EXPECT_LT(std::sqrt(var / empty.size()), 4.0) << "flat apart from noise and a little dirt";
 
-    // Linear in dose above the dark offset, clipping at 255.
-    const double dark = Mean(Render(e, nullptr, 0, 0));
-    EXPECT_NEAR(dark, e.dark_offset(), 1.0);
-    const double m15 = Mean(Render(e, nullptr, 0, 15)), m30 = Mean(Render(e, nullptr, 0, 30));
-    EXPECT_NEAR((m30 - dark) / (m15 - dark), 2.0, 0.05);
-    EXPECT_LT(m30, mean);
+    // Clipping at 255; that the signal is linear in the dose above the dark
+    // offset the scanner tests check through the API.
     const Frame bright = Render(e, nullptr, 0, 200);
     EXPECT_GT(std::count(bright.begin(), bright.end(), 255), long(bright.size() * 0.99));
     EXPECT_EQ(Render(e, nullptr, 0, -5), Render(e, nullptr, 0, 0)) << "negative dose is no light";
@@ -220,14 +216,11 @@ TEST(ScanEngine, RolledStripSweepsFromTheChosenSideAcrossAStillPattern) {
     }
     EXPECT_NEAR(Mean(Render(e, imp.get(), last + 2)), 250, 3) << "finger lifted after the roll";
 
-    // Naming the drawn side changes nothing; the other side mirrors the
-    // sweep; a centred pose follows the named side too.
+    // Naming the drawn side changes nothing; a centred pose follows the named
+    // side too (that a roll starts on the side a scenario names the scanner
+    // tests check on its frames).
     p.roll_from = dir > 0 ? RollDirection::FromLeft : RollDirection::FromRight;
     EXPECT_EQ(Render(e, e.CreateImpression(p).get(), first + 6), frames[3]);
-    p.roll_from = dir > 0 ? RollDirection::FromRight : RollDirection::FromLeft;
-    const auto mirrored = e.CreateImpression(p);
-    for (uint32_t f : {first, last})
-        EXPECT_NEAR(mirrored->StripCentreAt(f) + imp->StripCentreAt(f), e.width(), 1e-9);
     p.random_pose = false;
     p.roll_from = RollDirection::FromRight;
     const auto centred = e.CreateImpression(p);
