@@ -7,7 +7,6 @@
 // The file must be accepted exactly when the library accepts the bytes after
 // the 100-byte header; shorter files are refused as corrupt.
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +16,9 @@
 
 #include "base/errors.h"
 #include "device/calibration_binding.h"
+#include "fuzz_support.h"
+
+using kr7fuzz::Check;
 
 namespace {
 
@@ -24,12 +26,6 @@ std::string g_path;
 decltype(&::CalibrateCreate) g_create = nullptr;
 decltype(&::CalibrateSetData) g_setData = nullptr;
 decltype(&::CalibrateDelete) g_delete = nullptr;
-
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 // What the library itself says of the data.
 bool LibraryAccepts(const std::uint8_t* data, std::size_t size) {
@@ -53,19 +49,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     g_delete = reinterpret_cast<decltype(g_delete)>(dlsym(library, "CalibrateDelete"));
     Check(g_create && g_setData && g_delete);
 
-    const char* tmp = std::getenv("TMPDIR");
-    g_path = std::string(tmp && *tmp ? tmp : "/tmp") + "/kr7_calibration_fuzz_" +
-             std::to_string(::getpid()) + ".bin";
+    g_path = kr7fuzz::ScratchPath("calibration_fuzz") + ".bin";
     std::atexit([] { std::remove(g_path.c_str()); });
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::FILE* file = std::fopen(g_path.c_str(), "wb");
-    Check(file != nullptr);
-    Check(std::fwrite(data, 1, size, file) == size);
-    Check(std::fclose(file) == 0);
-
+    kr7fuzz::WriteFile(g_path, data, size);
     int error = 0;
     try {
         vc::ClNorvakKR7SDK::CXCalibration calibration(g_path.c_str());

@@ -4,10 +4,10 @@
 // characters must come back unchanged.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 
+#include "fuzz_support.h"
 #include "util/config_file.h"
 
 namespace {
@@ -67,8 +67,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     const std::string saved = Saved(plain);
-    if (Saved(Loaded(saved)) != saved) {
-        std::abort();
-    }
+    kr7fuzz::Check(Saved(Loaded(saved)) == saved);
     return 0;
 }

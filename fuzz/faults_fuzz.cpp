@@ -5,24 +5,19 @@
 // add to the syntax: a list accepted without them means the same with them.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "scanner/faults.h"
 
+using kr7fuzz::Check;
 using kr7sim::scanner::Entry;
 using kr7sim::scanner::FaultRules;
 
 namespace {
 
 constexpr std::size_t kEntries = static_cast<std::size_t>(Entry::Count);
-
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 const char* const* Names() {
     static const std::vector<const char*> names = [] {

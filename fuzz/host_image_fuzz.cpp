@@ -3,17 +3,13 @@
 // exactly its size; what is accepted must describe itself consistently.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
+#include "fuzz_support.h"
 #include "kr7host/image.h"
 
-namespace {
+using kr7fuzz::Check;
 
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+namespace {
 
 void CheckImage(const kr7host::Image& image) {
     if (image.Empty()) {

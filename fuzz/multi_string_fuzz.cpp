@@ -5,20 +5,16 @@
 // buffers.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "util/multi_string.h"
 
-namespace {
+using kr7fuzz::Check;
 
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+namespace {
 
 std::vector<std::string> Strings(Nvk::ClMultiString& list) {
     std::vector<std::string> strings;

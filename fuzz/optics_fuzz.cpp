@@ -6,29 +6,20 @@
 // outside the frame.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "closed/norvakcalibratesdk.h"
 #include "common/optics.h"
+#include "fuzz_support.h"
+
+using kr7fuzz::Check;
+using kr7fuzz::Put32;
 
 namespace {
 
 // Larger frames only slow the search down: every output pixel costs a tap.
 constexpr unsigned int kMaxPixels = 256 * 256;
-
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-void Put32(std::uint8_t* p, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-    }
-}
 
 // An 8-bit frame block of the record's size with `colours` table entries.
 std::vector<std::uint8_t> Frame(const kr7sim::Optics& optics, unsigned int colours,

@@ -18,27 +18,17 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz_support.h"
 #include "scanner/grey_image.h"
 #include "scanner/scenario.h"
 
+using kr7fuzz::Check;
+using kr7fuzz::WriteFile;
 using kr7sim::scanner::Scenario;
 
 namespace {
 
 std::string g_dir;
-
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-void WriteFile(const std::string& path, const void* data, std::size_t size) {
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    Check(file != nullptr);
-    Check(std::fwrite(data, 1, size, file) == size);
-    Check(std::fclose(file) == 0);
-}
 
 void Frame(const std::uint8_t* data, std::size_t size) {
     const std::string path = g_dir + "/input";
@@ -95,8 +85,7 @@ void Script(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kr7_scenario_fuzz_XXXXXX";
+    std::string pattern = kr7fuzz::ScratchPath("scenario_fuzz") + "_XXXXXX";
     Check(mkdtemp(&pattern[0]) != nullptr);
     g_dir = pattern;
     Check(mkdir((g_dir + "/frames").c_str(), 0700) == 0);
@@ -104,18 +93,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     WriteFile(g_dir + "/frames/a.pgm", pgm, sizeof pgm - 1);
     // 2 x 1, 24 bits: the file header, the 40-byte header, one padded row.
     std::uint8_t bmp[62] = {'B', 'M'};
-    const auto put32 = [&bmp](int at, std::uint32_t v) {
-        for (int i = 0; i < 4; ++i) {
-            bmp[at + i] = static_cast<std::uint8_t>(v >> 8 * i);
-        }
-    };
-    put32(2, sizeof bmp);  // file size
-    put32(10, 54);         // offset of the pixels
-    put32(14, 40);         // header size
-    put32(18, 2);          // width
-    put32(22, 1);          // height
-    bmp[26] = 1;           // planes
-    bmp[28] = 24;          // bits per pixel
+    kr7fuzz::Put32(bmp + 2, sizeof bmp);  // file size
+    kr7fuzz::Put32(bmp + 10, 54);         // offset of the pixels
+    kr7fuzz::Put32(bmp + 14, 40);         // header size
+    kr7fuzz::Put32(bmp + 18, 2);          // width
+    kr7fuzz::Put32(bmp + 22, 1);          // height
+    bmp[26] = 1;                          // planes
+    bmp[28] = 24;                         // bits per pixel
     std::memcpy(bmp + 54, "\x0a\x14\x1e\x28\x32\x3c", 6);
     WriteFile(g_dir + "/frames/b.bmp", bmp, sizeof bmp);
     std::atexit([] {

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -14,19 +13,15 @@
 
 #include "calibration/calibration_header.h"
 #include "common/optics.h"
+#include "fuzz_support.h"
 #include "scanner/config.h"
 
+using kr7fuzz::Check;
 using kr7sim::scanner::UnitConfig;
 
 namespace {
 
 std::shared_ptr<const kr7sim::scanner::Scenario> g_scenario;
-
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 class MemoryStream : public Nvk::CXStream {
 public:

@@ -1,7 +1,6 @@
 // Independent fingerprint measurements used to judge the engine's output:
-// structure-tensor orientation and coherence, ridge period per block,
-// Poincare index, minutiae by crossing number, and the contact centre of a
-// rolled frame.
+// structure-tensor orientation and coherence, ridge period per block, and the
+// contact centre of a rolled frame.
 #pragma once
 
 #include <algorithm>
@@ -151,81 +150,6 @@ inline double BlockPeriod(const Image& img, int cx, int cy, double theta) {
         }
     }
     return best;
-}
-
-// Poincare index of the orientation field on a circle (24 samples).
-inline double PoincareIndex(const Image& theta, double cx, double cy, double radius) {
-    auto sample = [&](int k) {
-        const double a = 2 * kPi * k / 24;
-        const int x = std::clamp(int(std::lround(cx + radius * std::cos(a))), 0, theta.w - 1);
-        const int y = std::clamp(int(std::lround(cy + radius * std::sin(a))), 0, theta.h - 1);
-        return double(theta.at(x, y));
-    };
-    double total = 0;
-    for (int k = 0; k < 24; ++k) {
-        const double d = sample(k + 1) - sample(k);  // wrapped into (-pi/2, pi/2]
-        total += d - kPi * std::ceil(d / kPi - 0.5);
-    }
-    return total / (2 * kPi);
-}
-
-// Minutiae (ridge endings and bifurcations) of dark ridges inside `mask`.
-inline int CountMinutiae(const Image& src, const std::vector<uint8_t>& mask) {
-    const int w = src.w, h = src.h;
-    const Image img = Blur3(Blur3(src));
-    const Integral local(w, h, [&](int x, int y) { return img.at(x, y); });
-    std::vector<uint8_t> bin(size_t(w) * h);
-    ForEach(w, h, [&](int x, int y) {
-        const bool border = x == 0 || y == 0 || x + 1 == w || y + 1 == h;
-        bin[size_t(y) * w + x] =
-            !border && mask[size_t(y) * w + x] && img.at(x, y) < local.Mean(x, y, 7);
-    });
-    auto ring = [&](int x, int y, int* n) {  // the 8 neighbours, clockwise from the top
-        static const int dx[8] = {0, 1, 1, 1, 0, -1, -1, -1}, dy[8] = {-1, -1, 0, 1, 1, 1, 0, -1};
-        for (int i = 0; i < 8; ++i)
-            n[i] = bin[size_t(y + dy[i]) * w + x + dx[i]];
-    };
-    // Zhang-Suen thinning, until two sub-steps in a row remove nothing.
-    for (int step = 0, quiet = 0; quiet < 2; step ^= 1) {
-        std::vector<size_t> remove;
-        ForEach(w, h, [&](int x, int y) {
-            int n[8], b = 0, a = 0;
-            if (!bin[size_t(y) * w + x])
-                return;
-            ring(x, y, n);
-            for (int i = 0; i < 8; ++i) {
-                b += n[i];
-                a += !n[i] && n[(i + 1) % 8];
-            }
-            const bool keep = step == 0 ? (n[0] && n[2] && n[4]) || (n[2] && n[4] && n[6])
-                                        : (n[0] && n[2] && n[6]) || (n[0] && n[4] && n[6]);
-            if (b >= 2 && b <= 6 && a == 1 && !keep)
-                remove.push_back(size_t(y) * w + x);
-        });
-        for (size_t i : remove)
-            bin[i] = 0;
-        quiet = remove.empty() ? quiet + 1 : 0;
-    }
-    // Crossing number 1 or 3, with the whole 21x21 neighbourhood in the mask.
-    const Integral inside(w, h, [&](int x, int y) { return mask[size_t(y) * w + x]; });
-    std::vector<std::pair<int, int>> found;
-    ForEach(w, h, [&](int x, int y) {
-        int n[8], transitions = 0;
-        if (!bin[size_t(y) * w + x] || inside.Mean(x, y, 10) < 1.0)
-            return;
-        ring(x, y, n);
-        for (int i = 0; i < 8; ++i)
-            transitions += n[i] != n[(i + 1) % 8];
-        if (transitions == 2 || transitions == 6)
-            found.emplace_back(x, y);
-    });
-    // Minutiae closer than 8 px to another are spurs, bridges or holes.
-    return int(std::count_if(found.begin(), found.end(), [&](auto p) {
-        return std::count_if(found.begin(), found.end(), [&](auto q) {
-                   const int dx = p.first - q.first, dy = p.second - q.second;
-                   return dx * dx + dy * dy < 64;
-               }) == 1;
-    }));
 }
 
 // Darkness-weighted mean column of a frame (pixels darker than `white`).

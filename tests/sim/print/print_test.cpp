@@ -1,5 +1,6 @@
 // The virtual scanner's image engine: random numbers, master prints and
-// impressions, judged with independent fingerprint measurements.
+// impressions, judged with independent fingerprint measurements: ridge
+// spacing and orientation, contrast, determinism by seed, the optics hook.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,25 +31,17 @@ TEST(Rng, PinnedAndWellSpread) {
     }
     EXPECT_NEAR(sum, 0.0, 0.03);
     EXPECT_NEAR(sq, 1.0, 0.04);
-    // Class mix: arch 3.7 %, tented arch 2.9 %, left loop 33.8 %, right loop 31.7 %, whorl 27.9 %.
-    const double edges[] = {0, 0.037, 0.066, 0.404, 0.721, 1};
-    for (int c = 0; c < 5; ++c) {
-        EXPECT_EQ(ClassFromUniform(edges[c]), FingerClass(c));
-        EXPECT_EQ(ClassFromUniform(edges[c + 1] - 1e-9), FingerClass(c));
-    }
 }
 
-MasterRequest Forced(FingerClass c) {
+// Finger seed 11, a left loop, shared with the engine tests through the cache.
+TEST(MasterPrint, GrowthCoversTheCanvasFollowsTheSeedAndIsCached) {
     MasterRequest req;
-    req.seed = 11;  // shared with the engine tests through the cache
+    req.seed = 11;
     req.force_class = true;
-    req.finger_class = c;
-    return req;
-}
-
-TEST(MasterPrint, GrowthCoversTheCanvasAndIsCached) {
-    const auto m = GetMasterPrint(Forced(FingerClass::LeftLoop));
-    EXPECT_EQ(GetMasterPrint(Forced(FingerClass::LeftLoop)).get(), m.get());
+    req.finger_class = FingerClass::LeftLoop;
+    const auto m = GetMasterPrint(req);
+    EXPECT_EQ(GetMasterPrint(req).get(), m.get());
+    EXPECT_EQ(GenerateMasterPrint(req).ridge, m->ridge) << "the seed alone decides the print";
     ASSERT_EQ(m->ridge.size(), size_t(kPlainCanvasWidth) * kPlainCanvasHeight);
     double sum = 0, strong = 0;
     for (float v : m->ridge) {
@@ -58,62 +51,6 @@ TEST(MasterPrint, GrowthCoversTheCanvasAndIsCached) {
     EXPECT_NEAR(sum, 0.0, 0.15) << "ridges and valleys balance";
     EXPECT_GT(strong, 0.6) << "covered by ridges, not left flat";
 }
-
-struct Expected {
-    FingerClass cls;
-    int cores, deltas;
-};
-class MasterClassTest : public ::testing::TestWithParam<Expected> {};
-
-// The orientation field estimated from the grown ridges has singular points
-// of the right kind where the class put them, and no others.
-TEST_P(MasterClassTest, PoincareIndexMatchesTheClass) {
-    const Expected e = GetParam();
-    const auto m = GetMasterPrint(Forced(e.cls));
-    ASSERT_EQ(int(m->cores.size()), e.cores);
-    ASSERT_EQ(int(m->deltas.size()), e.deltas);
-    const fpa::Orientation o =
-        fpa::StructureTensor(fpa::Image(m->ridge.data(), m->width, m->height), 17);
-    constexpr double kRadius = 14;
-    std::vector<Point> cores = m->cores;
-    if (cores.size() == 2)  // whorl: the two close cores read as one +1 centre
-        cores = {Point{(cores[0].x + cores[1].x) / 2, (cores[0].y + cores[1].y) / 2}};
-    const bool whorl = m->cores.size() == 2;
-    for (const Point& c : cores)
-        EXPECT_NEAR(fpa::PoincareIndex(o.theta, c.x, c.y, whorl ? 26 : kRadius), whorl ? 1 : 0.5,
-                    0.1);
-    for (const Point& d : m->deltas)
-        EXPECT_NEAR(fpa::PoincareIndex(o.theta, d.x, d.y, kRadius), -0.5, 0.1);
-
-    int spurious = 0;
-    for (int y = 40; y < m->height - 40; y += 6) {
-        for (int x = 40; x < m->width - 40; x += 6) {
-            bool near_expected = false;
-            for (const auto* list : {&m->cores, &m->deltas})
-                for (const Point& p : *list)
-                    near_expected |= std::hypot(p.x - x, p.y - y) < 40;
-            spurious +=
-                !near_expected && std::fabs(fpa::PoincareIndex(o.theta, x, y, kRadius)) > 0.4;
-        }
-    }
-    EXPECT_EQ(spurious, 0);
-
-    // Loops are not mirrored: below the core the legs run down toward the open
-    // side (left loop: down-left, an orientation above 90 degrees).
-    if (e.cls == FingerClass::LeftLoop || e.cls == FingerClass::RightLoop) {
-        const Point c = m->cores[0];
-        const bool left = e.cls == FingerClass::LeftLoop;
-        EXPECT_EQ(o.theta.at(int(c.x), int(c.y) + 30) > fpa::kPi / 2, left);
-        EXPECT_EQ(m->deltas[0].x > c.x, left) << "a left loop has its delta on the right";
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Classes, MasterClassTest,
-                         ::testing::Values(Expected{FingerClass::Arch, 0, 0},
-                                           Expected{FingerClass::TentedArch, 1, 1},
-                                           Expected{FingerClass::LeftLoop, 1, 1},
-                                           Expected{FingerClass::RightLoop, 1, 1},
-                                           Expected{FingerClass::Whorl, 2, 2}));
 
 using Frame = std::vector<uint8_t>;
 
@@ -169,8 +106,8 @@ TEST(ScanEngine, SameStateGivesSameBytesAndBadGeometryIsRefused) {
     EXPECT_THROW(OpticsMaps::FromSourceIndex({0, 1}, 0), std::invalid_argument);
 }
 
-// A plain impression measured like a real one: orientation, ridge period and
-// minutiae against the generating fields.
+// A plain impression measured like a real one: orientation and ridge period
+// against the generating fields, and the contrast of the ridges.
 TEST(ScanEngine, PlainImpressionLooksLikeAFingerprint) {
     const ScanEngine& e = Unit();
     const auto imp = e.CreateImpression(LeftLoop(1));
@@ -197,8 +134,6 @@ TEST(ScanEngine, PlainImpressionLooksLikeAFingerprint) {
     EXPECT_GT(fpa::Median(coherence), 0.7);
     ASSERT_GT(period_ratio.size(), 20u);
     EXPECT_NEAR(fpa::Median(period_ratio), 1.0, 0.10);
-    const int minutiae = fpa::CountMinutiae(img, mask);
-    EXPECT_TRUE(minutiae >= 20 && minutiae <= 100) << minutiae;
     // Ridges span at least 150 grey levels at the nominal dose.
     std::sort(f.begin(), f.end());
     EXPECT_GE(f[f.size() * 995 / 1000] - f[f.size() * 5 / 1000], 150);
@@ -218,12 +153,8 @@ TEST(ScanEngine, PhotometryOfTheEmptyPlaten) {
     }
     EXPECT_LT(std::sqrt(var / empty.size()), 4.0) << "flat apart from noise and a little dirt";
 
-    // Linear in dose above the dark offset, clipping at 255.
-    const double dark = Mean(Render(e, nullptr, 0, 0));
-    EXPECT_NEAR(dark, e.dark_offset(), 1.0);
-    const double m15 = Mean(Render(e, nullptr, 0, 15)), m30 = Mean(Render(e, nullptr, 0, 30));
-    EXPECT_NEAR((m30 - dark) / (m15 - dark), 2.0, 0.05);
-    EXPECT_LT(m30, mean);
+    // Clipping at 255; that the signal is linear in the dose above the dark
+    // offset the scanner tests check through the API.
     const Frame bright = Render(e, nullptr, 0, 200);
     EXPECT_GT(std::count(bright.begin(), bright.end(), 255), long(bright.size() * 0.99));
     EXPECT_EQ(Render(e, nullptr, 0, -5), Render(e, nullptr, 0, 0)) << "negative dose is no light";
@@ -285,14 +216,11 @@ TEST(ScanEngine, RolledStripSweepsFromTheChosenSideAcrossAStillPattern) {
     }
     EXPECT_NEAR(Mean(Render(e, imp.get(), last + 2)), 250, 3) << "finger lifted after the roll";
 
-    // Naming the drawn side changes nothing; the other side mirrors the
-    // sweep; a centred pose follows the named side too.
+    // Naming the drawn side changes nothing; a centred pose follows the named
+    // side too (that a roll starts on the side a scenario names the scanner
+    // tests check on its frames).
     p.roll_from = dir > 0 ? RollDirection::FromLeft : RollDirection::FromRight;
     EXPECT_EQ(Render(e, e.CreateImpression(p).get(), first + 6), frames[3]);
-    p.roll_from = dir > 0 ? RollDirection::FromRight : RollDirection::FromLeft;
-    const auto mirrored = e.CreateImpression(p);
-    for (uint32_t f : {first, last})
-        EXPECT_NEAR(mirrored->StripCentreAt(f) + imp->StripCentreAt(f), e.width(), 1e-9);
     p.random_pose = false;
     p.roll_from = RollDirection::FromRight;
     const auto centred = e.CreateImpression(p);

@@ -43,14 +43,14 @@ constexpr int kW = 320, kH = 480;
 // clang-format on
 
 struct Scanner {
-    explicit Scanner(const Env& env = {}, const char* path = KR7_SCANNER_PATH) {
+    explicit Scanner(const Env& env = {}) {
         for (const char* name :
              {"KR7SIM_SEED", "KR7SIM_UNITS", "KR7SIM_SCENARIO", "KR7SIM_REALTIME", "KR7SIM_FAULTS",
               "KR7SIM_JOURNAL", "KR7SIM_FIXED_FRAME"})
             unsetenv(name);
         for (const auto& [key, value] : env)
             setenv(key.c_str(), value.c_str(), 1);
-        lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        lib = dlopen(KR7_SCANNER_PATH, RTLD_NOW | RTLD_LOCAL);
         if (lib == nullptr)
             ADD_FAILURE() << dlerror();
 #define KR7_RESOLVE(name) \
@@ -113,8 +113,6 @@ std::vector<uint8_t> CalibrationPayload(const std::vector<uint8_t>& ext) {
     unsigned char* payload = nullptr;
     unsigned int size = 0;
     header.ReadFromStream(&stream, unsigned(ext.size()), &payload, size);
-    EXPECT_EQ(header.GetHeaderVersion(), "1");
-    EXPECT_EQ(header.RevisionString().size(), 16u);
     EXPECT_FALSE(header.Description().empty());
     return std::vector<uint8_t>(payload, payload + size);
 }
@@ -157,41 +155,13 @@ double Mean(const Frame& f) {
 
 const Env kQuiet = {{"KR7SIM_SCENARIO", "empty;"}};
 
-TEST(ScannerExports, VariantsExportTheirGroups) {
-    const char* extended[] = {"ftrScanGetExtMemorySize", "ftrScanSaveExtMemory",
-                              "ftrScanRestoreExtMemory", "ftrScanGetSerialNumber",
-                              "ftrScanGetVersion"};
-    Scanner full;
-#define KR7_PRESENT(name) EXPECT_NE(full.name, nullptr) << #name;
-    KR7_SCAN_ENTRIES(KR7_PRESENT)
-#undef KR7_PRESENT
-    // Nothing but the entry points leaves the library.
-    EXPECT_EQ(
-        dlsym(full.lib, "_ZN6kr7sim10ScanEngine6RenderEPKNS_10ImpressionERKNS_12FrameRequestEPh"),
-        nullptr);
-    {
-        Scanner base(kQuiet, KR7_SCANNER_NOEXT_PATH);
-        for (const char* name : extended)
-            EXPECT_EQ(dlsym(base.lib, name), nullptr) << name;
-        Frame frame;
-        EXPECT_EQ(base.Grab(base.Open(), frame), 0u);
-    }
-    Scanner broken(kQuiet, KR7_SCANNER_NOGETIMAGE2_PATH);
-    EXPECT_EQ(broken.ftrScanGetImage2, nullptr);
-    EXPECT_NE(broken.ftrScanGetImageByVariableDose, nullptr);
-    for (const char* name : extended)
-        EXPECT_NE(dlsym(broken.lib, name), nullptr) << name;
-}
-
 TEST(ScannerUnit, IdentityOptionsLedsAndMemoriesPersist) {
     Scanner s(kQuiet);
+    // Nothing but the entry points leaves the library.
+    EXPECT_EQ(
+        dlsym(s.lib, "_ZN6kr7sim10ScanEngine6RenderEPKNS_10ImpressionERKNS_12FrameRequestEPh"),
+        nullptr);
     FTRHANDLE h = s.Open();
-    FTRSCAN_IMAGE_SIZE size{};
-    ASSERT_TRUE(s.ftrScanGetImageSize(h, &size));
-    EXPECT_EQ(size.nWidth * 1000 + size.nHeight, 320480);
-    FTRSCAN_VERSION_INFO info{sizeof info, {}, {}, {}};
-    ASSERT_TRUE(s.ftrScanGetVersion(h, &info));
-    EXPECT_EQ(info.HardwareVersion.wMajorVersionHi, 3);
     // Known option bits stick, unknown ones are refused.
     uint32_t flags = 0;
     EXPECT_TRUE(s.ftrScanSetOptions(h, 0x45, 0x05));
@@ -222,7 +192,7 @@ TEST(ScannerUnit, IdentityOptionsLedsAndMemoriesPersist) {
     EXPECT_FALSE(s.ftrScanCloseDevice(h));
     // Calls that would read or write past a buffer, pass a null pointer or
     // carry a bad checksum fail with 87 and touch nothing.
-    info.dwVersionInfoSize = 20;
+    FTRSCAN_VERSION_INFO info{20, {}, {}, {}};
     const FTRHANDLE open = s.Open();
     for (const auto& call : std::vector<std::function<bool()>>{
              [&] { return s.ftrScanGetVersion(open, &info); },
@@ -247,10 +217,8 @@ TEST(ScannerUnit, IdentityOptionsLedsAndMemoriesPersist) {
 TEST(ScannerUnit, InterfacesSelectUnitsAndTheMemoryHoldsTheirCalibration) {
     Scanner s(Env{{"KR7SIM_SCENARIO", "empty;"},
                   {"KR7SIM_UNITS",
-                   "if=3,size=640x480,long=none,serial=QWERTYUI;if=1,long=640x480;"
+                   "if=3,size=640x480,long=none;if=1,long=640x480;"
                    "if=2,calibration=no"}});
-    for (int i = 0; i < FTR_MAX_INTERFACE_NUMBER; ++i)
-        EXPECT_EQ(s.Status(i), i >= 1 && i <= 3 ? 0 : 1) << i;
     EXPECT_EQ(s.ftrGetBaseInterfaceNumber(), 1);  // the lowest configured interface
     EXPECT_EQ(s.Code(s.ftrSetBaseInterface(5)), FTR_ERROR_NO_MORE_ITEMS);
     EXPECT_FALSE(s.ftrSetBaseInterface(-1));
@@ -274,10 +242,6 @@ TEST(ScannerUnit, InterfacesSelectUnitsAndTheMemoryHoldsTheirCalibration) {
         EXPECT_EQ(optics.width * 1000 + optics.height, size.nWidth * 1000 + size.nHeight);
         EXPECT_EQ(size.nWidth, 640);
     }
-    char serial[8];
-    ASSERT_TRUE(s.ftrSetBaseInterface(3));
-    ASSERT_TRUE(s.ftrScanGetSerialNumber(s.Open(), serial));
-    EXPECT_EQ(std::string(serial, 8), "QWERTYUI");
 }
 
 // KR7SIM_FIXED_FRAME: the first frame of a kind is handed out again by every
@@ -332,39 +296,24 @@ TEST(ScannerErrors, LastErrorIsPerThreadAndCapturesKeepTheFramePeriod) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
 }
 
-// One rule per kind of injection, each on its own entry point; every row
-// gives the results of the first calls of one entry point (counting from 1).
+// A range rule, and a rule on ftrScanCloseDevice, which fails before it
+// looks at its handle; the journal marks injected failures. The other kinds
+// of rule, and the entries the plug-in calls, are pinned end to end by the
+// device-fault table and the scanner binding's tests.
 TEST(ScannerFaults, InjectedFailuresHitTheChosenCalls) {
     TempDir dir;
     Scanner s(
         Env{{"KR7SIM_SCENARIO", "empty;"},
             {"KR7SIM_JOURNAL", dir.path + "/journal.txt"},
-            {"KR7SIM_FAULTS",
-             "ftrScanGetLastError@1=8; ftrScanSetLastError@1=120, ftrGetBaseInterfaceNumber@1=50;"
-             "ftrScanGetFrame@2=31;ftrScanGetImageSize@1-2=0x20000004; ftrScanCloseDevice@1=17;"
-             "ftrScanOpenDevice@3+=21; ftrScanGetInterfaces@2=5; ftrSetBaseInterface@1=6"}});
-    FTRHANDLE h = s.Open(), other = nullptr;
-    Frame frame;
+            {"KR7SIM_FAULTS", "ftrScanGetImageSize@1-2=0x20000004; ftrScanCloseDevice@1=17"}});
+    FTRHANDLE h = s.Open();
     FTRSCAN_IMAGE_SIZE size;
-    FTRSCAN_INTERFACES_LIST list;
-    const std::vector<std::pair<std::function<uint32_t()>, std::vector<uint32_t>>> rows = {
-        {[&] { return s.ftrScanGetLastError(); }, {8, 0}},
-        {[&] { return s.ftrScanSetLastError(7), s.ftrScanGetLastError(); }, {120, 7}},
-        {[&] { return s.ftrGetBaseInterfaceNumber() < 0 ? s.ftrScanGetLastError() : 0; }, {50, 0}},
-        {[&] { return s.Grab(h, frame); }, {0, 31, 0}},
-        {[&] { return s.Code(s.ftrScanGetImageSize(h, &size)); }, {0x20000004, 0x20000004, 0}},
-        {[&] { return s.Code(s.ftrScanCloseDevice(nullptr)); }, {17, FTR_ERROR_INVALID_PARAMETER}},
-        {[&] { return s.Code((other = s.ftrScanOpenDevice()) && s.ftrScanCloseDevice(other)); },
-         {0, 21, 21}},  // Open() made call 1
-        {[&] { return s.Code(s.ftrScanGetInterfaces(&list)); }, {0, 5, 0}},
-        {[&] { return s.Code(s.ftrSetBaseInterface(0)); }, {6, 0}},
-    };
-    for (size_t r = 0; r < rows.size(); ++r) {
-        std::vector<uint32_t> results;
-        while (results.size() < rows[r].second.size())
-            results.push_back(rows[r].first());
-        EXPECT_EQ(results, rows[r].second) << "row " << r;
-    }
+    std::vector<uint32_t> results;
+    while (results.size() < 3)
+        results.push_back(s.Code(s.ftrScanGetImageSize(h, &size)));
+    EXPECT_EQ(results, (std::vector<uint32_t>{0x20000004, 0x20000004, 0}));
+    EXPECT_EQ(s.Code(s.ftrScanCloseDevice(nullptr)), 17u);
+    EXPECT_EQ(s.Code(s.ftrScanCloseDevice(nullptr)), FTR_ERROR_INVALID_PARAMETER);
     const std::string text = dir.Read("journal.txt");
     EXPECT_NE(text.find("ftrScanGetImageSize(h1) -> 0 error 0x20000004 (injected)"),
               std::string::npos)
@@ -603,9 +552,6 @@ TEST(ScannerScenario, ReplaysRecordedFrames) {
     EXPECT_EQ(f[1][239 * kW + 159] * 10 + f[1][240 * kW + 160], 14);
     EXPECT_EQ(f[2][235 * kW + 0], 77);
     EXPECT_EQ(f[2][230 * kW + 0], 0);
-    // A platen replay passes the optics: dark at the top after flip and invert.
-    const Frame view = FlipInvert(f[3]);
-    EXPECT_LT(Mean(&view[120 * kW], &view[220 * kW]) + 80, Mean(&view[260 * kW], &view[360 * kW]));
     EXPECT_TRUE(s.ftrScanIsFingerPresent(h, nullptr));   // frame 5, the last of the replay
     EXPECT_FALSE(s.ftrScanIsFingerPresent(h, nullptr));  // the script is over
 }
