@@ -25,9 +25,7 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using Client = Nvk::utilities::ClLoggingFacilityClient;
 
-bool LoggerResident() {
-    return kr7test::Resident("libnorvaklf.so");
-}
+using kr7test::Resident;
 
 // Points the stand-in (read at its first message) at an empty file of its
 // own and lets every level through; leaves logging off behind it.
@@ -62,7 +60,7 @@ using Virtual_LoggingClient = LogFileTest;
 using NoFlush_LoggingClient = LogFileTest;
 
 TEST_F(Virtual_LoggingClient, LoadsOnceAndWritesUntilDestroyed) {
-    ASSERT_FALSE(LoggerResident());
+    ASSERT_FALSE(Resident("libnorvaklf.so"));
     Client::Create();
     Client* const instance = Client::m_fpLogInstance.load();
     ASSERT_NE(nullptr, instance);
@@ -70,7 +68,7 @@ TEST_F(Virtual_LoggingClient, LoadsOnceAndWritesUntilDestroyed) {
     EXPECT_NE(nullptr, Client::m_fpFlush.load());
     Client::Create();
     EXPECT_EQ(instance, Client::m_fpLogInstance.load());
-    EXPECT_TRUE(LoggerResident());
+    EXPECT_TRUE(Resident("libnorvaklf.so"));
 
     Nvk::utilities::Log(Nvk::utilities::kLogError, "value %d and %s", 42, "text");
     std::istringstream lines(Text());
@@ -82,7 +80,7 @@ TEST_F(Virtual_LoggingClient, LoadsOnceAndWritesUntilDestroyed) {
 
     Client::Destroy();
     EXPECT_EQ(nullptr, Client::m_fpLogInstance.load());
-    EXPECT_FALSE(LoggerResident());
+    EXPECT_FALSE(Resident("libnorvaklf.so"));
     const std::string before = Text();
     Nvk::utilities::Log(Nvk::utilities::kLogError, "after the end");
     EXPECT_EQ(before, Text());
@@ -94,7 +92,7 @@ TEST_F(NoFlush_LoggingClient, ALibraryWithoutFlushCountsAsAbsent) {
     EXPECT_THAT(failure, HasSubstr("NvkLFFlush"));
     EXPECT_EQ(nullptr, Client::m_fpLogInstance.load());
     EXPECT_NE(nullptr, Client::m_fpLog.load());  // resolved before the gap
-    EXPECT_FALSE(LoggerResident());
+    EXPECT_FALSE(Resident("libnorvaklf.so"));
     // The entry points into an unloaded library; calling it would crash or
     // write to the file.
     Nvk::utilities::Log(Nvk::utilities::kLogError, "nobody hears this %d", 1);
