@@ -94,16 +94,6 @@ protected:
         lines.erase(lines.begin(), lines.begin() + std::min(from, lines.size()));
         return lines;
     }
-    // The journal's calls that contain `text`.
-    Lines CallsWith(const std::string& text) const {
-        Lines calls = Journal();
-        calls.erase(std::remove_if(calls.begin(), calls.end(),
-                                   [&](const std::string& call) {
-                                       return call.find(text) == std::string::npos;
-                                   }),
-                    calls.end());
-        return calls;
-    }
 
     std::string m_dir, m_journal;
 };
