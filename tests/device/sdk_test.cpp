@@ -403,7 +403,7 @@ TEST_F(SdkWithoutDevice, SettingsFile) {
 // the scanners while a capture runs and the scanner is unplugged again and
 // again; the host starts the capture again whenever it has ended.
 TEST_F(Virtual_SdkConcurrency, HostCallsRaceACaptureThatLosesItsScanner) {
-    Configure("empty 0.4s; unplug 0.3s; repeat");
+    Configure("empty 0.8s; unplug 0.3s; repeat");
     Host host;  // outlives the SDK and its channel
     ClNorvakKR7SDK sdk(nullptr);
     constexpr int kRounds = 60;
@@ -444,7 +444,17 @@ TEST_F(Virtual_SdkConcurrency, HostCallsRaceACaptureThatLosesItsScanner) {
         }
     });
     host.Start(sdk, vc::eCaptureLive);
-    for (std::size_t ended = 0; running > 0;) {
+    // The host calls end after a fixed number of rounds; on a slow machine
+    // the capture may not have met an unplug by then, so it goes on until
+    // one ended it (or a generous deadline passed).
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto disconnected = [&] {
+        const auto errors = host.Errors();
+        return std::find(errors.begin(), errors.end(), "The scanner is disconnected.") !=
+               errors.end();
+    };
+    for (std::size_t ended = 0;
+         running > 0 || (!disconnected() && std::chrono::steady_clock::now() < deadline);) {
         if (host.Errors().size() > ended) {
             ended = host.Errors().size();
             sdk.StopCapture(1);
