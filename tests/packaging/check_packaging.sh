@@ -125,6 +125,10 @@ for package in "${!contents[@]}"; do
             echo "usr/share/lintian/overrides/$package")
     expected=$(sort <<<"$expected")
     same_lines "$package holds exactly its files" "$expected" "$listed"
+done
+# Every package, also those not listed above, at the root the checks below
+# look at.
+for deb in "$debs"/*.deb; do
     dpkg-deb -x "$deb" "$root"
 done
 
