@@ -14,7 +14,8 @@ packages=(
   # the second compiler, its sanitizer and fuzzer runtimes
   clang libclang-rt-14-dev
   # the Debian packages: building (dpkg-shlibdeps, file) and checking them
-  dpkg-dev file lintian
+  # (lintian; groff for the manual pages)
+  dpkg-dev file lintian groff-base
 )
 
 missing=()

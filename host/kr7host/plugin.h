@@ -36,7 +36,7 @@ struct Options {
 };
 
 // The folder of the virtual scanner's libraries: KR7_SIM_DIR when set, else
-// the installed lib/norvakkr7fg/sim beside the running program's bin/
+// the installed <libdir>/norvakkr7fg/sim beside the running program's bin/
 // folder (wherever the installation sits), else the one under the
 // configured install prefix, else the build tree's.
 std::string VirtualScannerFolder();

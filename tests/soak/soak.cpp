@@ -151,7 +151,9 @@ void DescribeHang(pid_t child) {
                             " -ex 'set print frame-arguments none' -ex 'thread apply all bt' "
                             "</dev/null 2>/dev/null | grep '^#\\|^Thread'";
     if (std::system("command -v gdb >/dev/null 2>&1") == 0) {
-        std::system(gdb.c_str());
+        if (std::system(gdb.c_str()) != 0) {
+            std::fprintf(stdout, "    (gdb could not attach)\n");
+        }
     }
 }
 

@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
@@ -568,7 +569,7 @@ TEST(DeviceFaultTable, EveryEntryAnOperationCallsHasARow) {
     for (const std::string& entry : teardown) {
         EXPECT_TRUE(RowNames("", entry)) << "no row for " << entry << " (teardown)";
     }
-    std::system(("rm -rf '" + folder + "'").c_str());
+    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -123,7 +124,10 @@ struct TempDir {
         char templ[] = "/tmp/kr7scan_XXXXXX";
         path = mkdtemp(templ);
     }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
     std::string Write(const std::string& name, const std::string& content) const {
         std::ofstream(path + "/" + name, std::ios::binary) << content;
         return path + "/" + name;
@@ -323,7 +327,7 @@ TEST(ScannerFaults, InjectedFailuresHitTheChosenCalls) {
 TEST(ScannerErrors, BadConfigurationNamesTheProblemAndRefusesToOpen) {
     TempDir dir;
     const std::string file = dir.Write("bad.txt", "# demo\nempty 1s\nplace 2s skin=oily\n");
-    std::system(("mkdir " + dir.path + "/frames").c_str());
+    ASSERT_TRUE(std::filesystem::create_directory(dir.path + "/frames"));
     dir.Write("frames/a.pgm", "P5\n4 4\n255\nxx");
     std::string units129;  // one unit more than there are interfaces
     for (int i = 0; i < 129; ++i)
