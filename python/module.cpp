@@ -20,8 +20,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "kr7host/capture.h"
 #include "kr7host/error.h"
 #include "kr7host/image.h"
 #include "kr7host/plugin.h"
@@ -143,8 +145,12 @@ CaptureWarning.__module__ = "kr7"
 
 // ---- images -----------------------------------------------------------------------
 
+// The array's end: its buffer goes back to the pool for a later frame.
 void FreePixels(PyObject* capsule) {
-    delete static_cast<std::vector<std::uint8_t>*>(PyCapsule_GetPointer(capsule, "kr7.pixels"));
+    auto* pixels =
+        static_cast<std::vector<std::uint8_t>*>(PyCapsule_GetPointer(capsule, "kr7.pixels"));
+    kr7py::pool::Give(std::move(*pixels));
+    delete pixels;
 }
 
 // A kr7.Image over the image's pixels, moved (not copied) into the array's
@@ -437,6 +443,45 @@ public:
         });
     }
 
+    // For the benchmark: the intervals between `count` live frames at a
+    // handler that does nothing, on the image as the plug-in lent it (the
+    // plug-in's own pace, nothing of the module's).
+    std::vector<double> PluginIntervals(long count) {
+        if (count < 2) {
+            throw py::value_error("count must be 2 or more");
+        }
+        return Run([count](kr7host::Grabber& grabber) {
+            using Clock = std::chrono::steady_clock;
+            std::vector<Clock::time_point> times(static_cast<std::size_t>(count));
+            std::atomic<long> seen{0};
+            kr7host::Capture capture(grabber, {1, vc::eCaptureLive, 4},
+                                     [&](const kr7host::Delivery& delivery) {
+                                         if (delivery.kind != kr7host::Kind::Image) {
+                                             return;
+                                         }
+                                         const long at = seen.load();
+                                         if (at < count) {
+                                             times[static_cast<std::size_t>(at)] = Clock::now();
+                                             seen.store(at + 1);
+                                         }
+                                     });
+            capture.Start();
+            const auto deadline = Clock::now() + std::chrono::minutes(2);
+            while (seen.load() < count && !capture.Stopped() && Clock::now() < deadline) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            capture.Stop();
+            std::vector<double> intervals;
+            for (long i = 1; i < seen.load(); ++i) {
+                intervals.push_back(std::chrono::duration<double>(
+                                        times[static_cast<std::size_t>(i)] -
+                                        times[static_cast<std::size_t>(i - 1)])
+                                        .count());
+            }
+            return intervals;
+        });
+    }
+
     void Close() {
         py::gil_scoped_release release;
         m_pSession->Close();
@@ -672,6 +717,9 @@ in Frame.number).)DOC")
         .def("property", &Scanner::Property, "id"_a, "value"_a = py::none(),
              "Read a property (3 fixed one, 6 fake-finger detection, 7 red LED, 8 green LED); "
              "with a value, set it first. Returns the value read.")
+        .def("_plugin_intervals", &Scanner::PluginIntervals, "count"_a,
+             "For benchmarks: seconds between count live frames at a C++ handler that does "
+             "nothing (the plug-in's own pace).")
         .def("close", &Scanner::Close,
              "Stop a capture still running, uninitialise and unload the plug-in. A second "
              "call does nothing.")

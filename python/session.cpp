@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <map>
@@ -28,10 +29,6 @@ std::string Resolved(const std::string& path) {
     const std::string resolved = real != nullptr ? real : path;
     std::free(real);
     return resolved;
-}
-
-bool Inside(const std::string& path, const std::string& folder) {
-    return path.compare(0, folder.size() + 1, folder + "/") == 0;
 }
 
 // The open sessions by plug-in file: the plug-in has one frame grabber per
@@ -77,9 +74,10 @@ Defaults FindDefaults() {
         defaults.moduleFolder = self.substr(0, self.rfind('/'));
     }
     const std::string& here = defaults.moduleFolder;
-#if defined(KR7_BUILD_DIR) && defined(KR7_BUILD_PLUGIN) && defined(KR7_BUILD_SIM_DIR)
-    // The module in the build tree takes the plug-in and stand-ins built there.
-    if (!here.empty() && Inside(here, Resolved(KR7_BUILD_DIR))) {
+#if defined(KR7_BUILD_MODULE_DIR) && defined(KR7_BUILD_PLUGIN) && defined(KR7_BUILD_SIM_DIR)
+    // The module where the build put it takes the plug-in and stand-ins
+    // built there (an installation staged inside the build tree does not).
+    if (!here.empty() && here == Resolved(KR7_BUILD_MODULE_DIR)) {
         if (IsFile(KR7_BUILD_PLUGIN)) {
             defaults.plugin = KR7_BUILD_PLUGIN;
         }
@@ -98,6 +96,40 @@ Defaults FindDefaults() {
 #endif
     return defaults;
 }
+
+namespace pool {
+
+namespace {
+constexpr std::size_t kKept = 8;
+std::mutex g_Mutex;
+std::vector<std::vector<std::uint8_t>>* g_pKept =
+    new std::vector<std::vector<std::uint8_t>>;  // under g_Mutex; outlives every array
+}  // namespace
+
+std::vector<std::uint8_t> Take() {
+    std::lock_guard<std::mutex> lock(g_Mutex);
+    if (g_pKept->empty()) {
+        return {};
+    }
+    std::vector<std::uint8_t> pixels = std::move(g_pKept->back());
+    g_pKept->pop_back();
+    return pixels;
+}
+
+void Give(std::vector<std::uint8_t>&& pixels) {
+    if (pixels.capacity() == 0) {
+        return;
+    }
+    std::vector<std::uint8_t> dropped;  // freed outside the lock when not kept
+    std::lock_guard<std::mutex> lock(g_Mutex);
+    if (g_pKept->size() < kKept) {
+        g_pKept->push_back(std::move(pixels));
+    } else {
+        dropped = std::move(pixels);
+    }
+}
+
+}  // namespace pool
 
 void CloseAll() {
     std::vector<std::shared_ptr<Session>> open;
@@ -239,7 +271,7 @@ long Stream::Frames() const {
 }
 
 long Stream::Dropped() const {
-    return m_pCapture ? m_pCapture->Totals().dropped : 0;
+    return m_nDropped.load();
 }
 
 void Stream::Start() {
@@ -256,13 +288,9 @@ void Stream::Start() {
     kr7host::Capture::Options options;
     options.mode = m_Options.mode;
     options.liveFrames = m_Options.keep;
-    if (m_Options.kind == Kind::Results) {
-        m_pCapture = std::make_unique<kr7host::Capture>(
-            *session.m_pGrabber, options,
-            [this](const kr7host::Delivery& delivery) { OnDelivery(delivery); });
-    } else {
-        m_pCapture = std::make_unique<kr7host::Capture>(*session.m_pGrabber, options);
-    }
+    m_pCapture = std::make_unique<kr7host::Capture>(
+        *session.m_pGrabber, options,
+        [this](const kr7host::Delivery& delivery) { OnDelivery(delivery); });
     m_Start = Clock::now();
     m_pCapture->Start(1);  // a mode the plug-in does not list runs all the same
     m_bStarted = true;
@@ -302,12 +330,13 @@ bool Stream::TimedOut() const {
 }
 
 void Stream::Drain() {
+    std::lock_guard<std::mutex> lock(m_ReadyMutex);
+    for (Item& item : m_Ready) {
+        m_Pending.push_back(std::move(item));
+    }
+    m_Ready.clear();
+    m_nReadyFrames = 0;
     if (m_Options.kind == Kind::Results) {
-        std::lock_guard<std::mutex> lock(m_ReadyMutex);
-        for (Item& item : m_Ready) {
-            m_Pending.push_back(std::move(item));
-        }
-        m_Ready.clear();
         // The placement still on the platen when the capture ended (no
         // callback runs any more).
         m_Placements.Close();
@@ -318,20 +347,6 @@ void Stream::Drain() {
             item.quality = shot.quality;
             item.frame = shot.frame;
             m_Pending.push_back(std::move(item));
-        }
-    } else {
-        while (std::optional<kr7host::Event> event =
-                   m_pCapture->Next(std::chrono::milliseconds(0))) {
-            if (event->kind == kr7host::Kind::Image && !event->image.Empty() &&
-                Stopped() != "closed" && Stopped() != "interrupted") {
-                Item item;
-                item.what = Item::What::Frame;
-                item.image = std::move(event->image);
-                item.number = event->frame + 1;
-                m_Pending.push_back(std::move(item));
-            } else if (event->kind == kr7host::Kind::Error && m_strError.empty()) {
-                m_strError = event->text;
-            }
         }
     }
 }
@@ -426,61 +441,60 @@ Item Stream::Wait(std::chrono::milliseconds slice) {
     }
 }
 
-// One item from the capture, waiting up to `slice`; errors and the end are
-// noted in m_strError and m_bEnded.
+// One item from the capture, waiting up to `slice`.
 Item Stream::Take(std::chrono::milliseconds slice) {
     Item item;
-    if (m_Options.kind == Kind::Results) {
-        std::unique_lock<std::mutex> lock(m_ReadyMutex);
-        m_ReadyChanged.wait_for(lock, slice, [this] {
-            return !m_Ready.empty() || !m_strError.empty() || m_bEnded || m_bHalted.load();
-        });
-        if (!m_Ready.empty()) {
-            item = std::move(m_Ready.front());
-            m_Ready.pop_front();
-        }
-        return item;
-    }
-    std::optional<kr7host::Event> event = m_pCapture->Next(slice);
-    if (!event) {
-        return item;
-    }
-    switch (event->kind) {
-        case kr7host::Kind::Image:
-            if (!event->image.Empty()) {
-                item.what = Item::What::Frame;
-                item.image = std::move(event->image);
-                item.number = event->frame + 1;
-            }
-            break;
-        case kr7host::Kind::Warning:
-            item.what = Item::What::Warning;
-            item.text = event->text;
-            break;
-        case kr7host::Kind::Error: {
-            std::lock_guard<std::mutex> lock(m_ReadyMutex);
-            if (m_strError.empty()) {
-                m_strError = event->text.empty() ? "unknown capture error" : event->text;
-            }
-            break;
-        }
-        case kr7host::Kind::Stop: {
-            std::lock_guard<std::mutex> lock(m_ReadyMutex);
-            m_bEnded = true;
-            break;
-        }
-        case kr7host::Kind::Start:
-        case kr7host::Kind::Result:
-            break;
+    std::unique_lock<std::mutex> lock(m_ReadyMutex);
+    m_ReadyChanged.wait_for(lock, slice, [this] {
+        return !m_Ready.empty() || !m_strError.empty() || m_bEnded || m_bHalted.load();
+    });
+    if (!m_Ready.empty()) {
+        item = std::move(m_Ready.front());
+        m_Ready.pop_front();
+        m_nReadyFrames -= item.what == Item::What::Frame ? 1 : 0;
     }
     return item;
 }
 
-// Results: every callback, on the plug-in's worker thread.
+// A frame beyond `keep` pushes the oldest one out.
+void Stream::Push(Item&& item) {
+    if (item.what == Item::What::Frame) {
+        if (m_nReadyFrames >= m_Options.keep) {
+            const auto oldest = std::find_if(m_Ready.begin(), m_Ready.end(), [](const Item& i) {
+                return i.what == Item::What::Frame;
+            });
+            pool::Give(std::move(oldest->image.pixels));
+            m_Ready.erase(oldest);
+            --m_nReadyFrames;
+            m_nDropped.fetch_add(1);
+        }
+        ++m_nReadyFrames;
+    }
+    m_Ready.push_back(std::move(item));
+}
+
+// Every callback, on the plug-in's worker thread.
 void Stream::OnDelivery(const kr7host::Delivery& delivery) {
+    if (m_Options.kind == Kind::Frames && delivery.kind == kr7host::Kind::Image) {
+        Item item;
+        item.what = Item::What::Frame;
+        item.number = delivery.frame + 1;
+        // The one copy, into a buffer of an earlier frame when one is free.
+        item.image.pixels = pool::Take();
+        if (!item.image.Assign(delivery.image, kr7host::kScannerPpi)) {
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_ReadyMutex);
+            Push(std::move(item));
+        }
+        m_ReadyChanged.notify_one();
+        return;
+    }
     switch (delivery.kind) {
         case kr7host::Kind::Image:
-            if (m_Scratch.Assign(delivery.image, kr7host::kScannerPpi)) {
+            if (m_Options.kind == Kind::Results &&
+                m_Scratch.Assign(delivery.image, kr7host::kScannerPpi)) {
                 kr7host::Shot shot;
                 shot.quality = kr7host::Measure(m_Scratch);
                 shot.frame = delivery.frame;
@@ -508,7 +522,7 @@ void Stream::OnDelivery(const kr7host::Delivery& delivery) {
             item.what = Item::What::Warning;
             item.text = delivery.text != nullptr ? delivery.text : "";
             std::lock_guard<std::mutex> lock(m_ReadyMutex);
-            m_Ready.push_back(std::move(item));
+            Push(std::move(item));
             break;
         }
         case kr7host::Kind::Stop: {
@@ -519,6 +533,10 @@ void Stream::OnDelivery(const kr7host::Delivery& delivery) {
         case kr7host::Kind::Start:
             return;
     }
+    if (m_Options.kind != Kind::Results) {
+        m_ReadyChanged.notify_one();
+        return;
+    }
     std::vector<kr7host::Shot> ready = m_Placements.TakeReady();
     {
         std::lock_guard<std::mutex> lock(m_ReadyMutex);
@@ -528,7 +546,7 @@ void Stream::OnDelivery(const kr7host::Delivery& delivery) {
             item.image = std::move(shot.image);
             item.quality = shot.quality;
             item.frame = shot.frame;
-            m_Ready.push_back(std::move(item));
+            Push(std::move(item));
         }
     }
     m_ReadyChanged.notify_one();

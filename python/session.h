@@ -72,6 +72,15 @@ class Stream;
 // Closes every session still open (at the interpreter's exit).
 void CloseAll();
 
+// Pixel buffers for frames, kept for reuse: an array hands its buffer back
+// when it dies, and the next frame is copied into it without an allocation
+// or a zero fill (a buffer of the frame's size keeps its size). At most a
+// few are kept; any thread may take and give.
+namespace pool {
+std::vector<std::uint8_t> Take();
+void Give(std::vector<std::uint8_t>&& pixels);
+}  // namespace pool
+
 // One open scanner: the plug-in loaded and its frame grabber initialised.
 // One at a time per plug-in file in a process, since the plug-in has one
 // frame grabber per process. Every call of the plug-in goes through Call,
@@ -107,9 +116,6 @@ public:
 
 private:
     friend class Stream;
-
-// Closes every session still open (at the interpreter's exit).
-void CloseAll();
     Session(const std::string& key, const OpenOptions& options, const kr7host::Options& load);
 
     const std::string m_strKey;
@@ -134,11 +140,13 @@ struct Item {
 
 // One capture as a generator steps through it: started by the first Wait,
 // stopped when enough came, at the timeout, on an error, by Stop, or when
-// the session closes. Results keeps one finger result per placement (worked
-// out on the worker thread, so none is lost however slow the reader);
-// Frames hands over live frames through kr7host's queue, which lets the
-// oldest go when the reader falls behind. One thread at a time steps it;
-// Session::Close may stop it from another.
+// the session closes. The plug-in's callbacks come to a kr7host::Capture
+// handler on its worker thread, which fills a queue the reader's thread
+// takes from. Results keeps one finger result per placement (worked out on
+// the worker thread, so none is lost however slow the reader); Frames
+// copies each live frame once into a pooled buffer and keeps the newest
+// `keep` of them, letting the oldest go when the reader falls behind. One
+// thread at a time steps it; Session::Close may stop it from another.
 class Stream {
 public:
     enum class Kind { Results, Frames };
@@ -184,6 +192,7 @@ private:
     void OnDelivery(const kr7host::Delivery& delivery);
     Item Take(std::chrono::milliseconds slice);
     bool TimedOut() const;
+    void Push(Item&& item);  // on the worker, with m_ReadyMutex held
     // After the capture stopped: the placement still open, then the error.
     void Drain();
 
@@ -202,12 +211,14 @@ private:
     std::string m_strStopped;          // under m_StateMutex
     std::atomic<bool> m_bHalted{false};  // the capture was stopped
 
-    // Results: the worker's side.
-    kr7host::Placements m_Placements;
-    kr7host::Image m_Scratch;  // a live frame, measured
+    // The worker's side.
+    kr7host::Placements m_Placements;  // Results
+    kr7host::Image m_Scratch;          // Results: a live frame, measured
+    std::atomic<long> m_nDropped{0};   // Frames
     std::mutex m_ReadyMutex;
     std::condition_variable m_ReadyChanged;
     std::deque<Item> m_Ready;           // under m_ReadyMutex
+    std::size_t m_nReadyFrames = 0;     // under m_ReadyMutex: of them frames
     std::string m_strError;             // under m_ReadyMutex: the first error text
     bool m_bEnded = false;              // under m_ReadyMutex: the stop callback came
 };
