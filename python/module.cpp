@@ -16,6 +16,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <mutex>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -454,21 +456,30 @@ public:
             using Clock = std::chrono::steady_clock;
             std::vector<Clock::time_point> times(static_cast<std::size_t>(count));
             std::atomic<long> seen{0};
-            kr7host::Capture capture(grabber, {1, vc::eCaptureLive, 4},
-                                     [&](const kr7host::Delivery& delivery) {
-                                         if (delivery.kind != kr7host::Kind::Image) {
-                                             return;
-                                         }
-                                         const long at = seen.load();
-                                         if (at < count) {
-                                             times[static_cast<std::size_t>(at)] = Clock::now();
-                                             seen.store(at + 1);
-                                         }
-                                     });
+            std::mutex mutex;
+            std::condition_variable done;
+            kr7host::Capture capture(
+                grabber, {1, vc::eCaptureLive, 4}, [&](const kr7host::Delivery& delivery) {
+                    if (delivery.kind == kr7host::Kind::Stop) {
+                        std::lock_guard<std::mutex> lock(mutex);
+                        done.notify_one();
+                    }
+                    const long at = seen.load();
+                    if (delivery.kind != kr7host::Kind::Image || at >= count) {
+                        return;
+                    }
+                    times[static_cast<std::size_t>(at)] = Clock::now();
+                    seen.store(at + 1);
+                    if (at + 1 == count) {
+                        std::lock_guard<std::mutex> lock(mutex);
+                        done.notify_one();
+                    }
+                });
             capture.Start();
-            const auto deadline = Clock::now() + std::chrono::minutes(2);
-            while (seen.load() < count && !capture.Stopped() && Clock::now() < deadline) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                done.wait_for(lock, std::chrono::minutes(2),
+                              [&] { return seen.load() >= count || capture.Stopped(); });
             }
             capture.Stop();
             std::vector<double> intervals;
