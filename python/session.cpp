@@ -321,6 +321,10 @@ void Stream::Stop(const char* why) {
     if (m_bStarted && !m_bOver) {
         Drain();
     }
+    const std::string reason = why;
+    if (reason == "closed" || reason == "interrupted") {
+        m_Pending.clear();  // a closed generator hands over nothing more
+    }
     m_bOver = true;
 }
 

@@ -60,6 +60,7 @@ def test_generators_are_lazy_and_stop_when_closed():
         other = scanner.capture()
         with pytest.raises(RuntimeError, match="capture is running"):
             next(other)
+        time.sleep(0.05)  # frames wait in the queue: closing lets them go too
         capture.close()
         assert capture.stopped == "closed"
         assert threads() == baseline
@@ -133,7 +134,7 @@ def test_waiting_releases_the_gil(scanner_settings):
         finally:
             done.set()
             counter.join()
-    assert ticks > 100
+    assert ticks > 20  # none at all if the wait held the GIL
 
 
 def test_bad_arguments_raise_value_error_before_the_plugin(tmp_path):
