@@ -41,6 +41,13 @@ def mappings():
         return sum(1 for _ in maps)
 
 
+def loaded():
+    """The plug-in's and the virtual scanner's files mapped in the process."""
+    with open("/proc/self/maps") as maps:
+        return sorted({line.split()[-1].rsplit("/", 1)[-1] for line in maps
+                       if "norvak" in line or "QV2ScanAPI" in line})
+
+
 def kr7_tool():
     tool = os.environ.get("KR7_TOOL")
     if not tool:

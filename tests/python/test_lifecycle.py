@@ -7,7 +7,7 @@ import signal
 import pytest
 
 import kr7
-from conftest import descriptors, mappings, threads
+from conftest import descriptors, loaded, mappings, threads
 
 
 def interrupt_after(seconds):
@@ -58,6 +58,7 @@ def test_an_exception_in_the_with_block_closes_the_scanner():
     assert scanner.closed
     assert frames.stopped == "closed"
     assert threads() == baseline
+    assert loaded() == []  # uninitialised and unloaded
     with pytest.raises(StopIteration):
         next(frames)
     # Nothing of it stays open.
@@ -69,11 +70,12 @@ def test_the_last_reference_closes_the_scanner():
     scanner = kr7.open(virtual=True)
     frames = scanner.frames(count=None)
     next(frames)
+    assert any(name.startswith("libnorvakkr7fg.so") for name in loaded())
     del scanner  # the generator keeps it open
     assert next(frames).number >= 2
-    del frames
-    gc.collect()
+    del frames  # the last reference: stopped, uninitialised, unloaded
     assert threads() == baseline
+    assert loaded() == []
     with kr7.open(virtual=True) as again:
         assert not again.closed
 
