@@ -28,7 +28,43 @@ std::string Describe(LoadError::Kind kind, const std::string& file, const std::s
            " (set KR7_SIM_DIR to the folder holding it)";
 }
 
+// The plug-in's texts of the numbers in the public header's eFGErrors.
+struct Known {
+    unsigned int number;
+    const char* text;
+};
+constexpr Known kKnownTexts[] = {
+    {vc::FGERR_CAMERA_NOT_SUPPORTED,
+     "The camera ID is unknown or is not supported by frame grabber"},
+    {vc::FGERR_BAD_CHANNEL, "Incorrect channel number for frame grabber"},
+    {vc::FGERR_COLOR_MODE_NOT_SUPPORTED, "The frame grabber does not support this color mode"},
+    {vc::FGERR_DETECTION_NOT_SUPPORTED,
+     "The detection ID bad or frame grabber does not support this detection"},
+    {vc::FGERR_FILTER_NOT_SUPPORTED, "The filter ID bad or framegrabber does not support"},
+    {vc::FGERR_PROPERTY_NOT_SUPPORTED, "Incorrect property or frame grabber does not support"},
+    {vc::FGERR_MORE_DATA, "More data are available"},
+    {vc::FGERR_PROPERTY_READ_ONLY, "The property is read only"},
+    {vc::FGERR_FILTER_NOT_APPLICABLE, "The filter can not be applied"},
+    {vc::FGERR_HARDWARE_NOT_SUPPORTED, "The QV2-scanner hardware version is not supported"},
+    {vc::FGERR_BAD_ASPECT_RATIO, "The aspect ratio is incorrect. It can be set 1.. "},
+    {vc::FGERR_BAD_DEVICE_INDEX,
+     "The device index out of range or is not supported by frame grabber"},
+    {vc::FGERR_DISCONNECTED, "The scanner is disconnected."},
+    {vc::FGERR_CALIBRATION_CORRUPT, "The calibration data is corrupt."},
+    {vc::FGERR_API_VERSION_NOT_SUPPORTED, "The QV2 API version isn't more supported"},
+    {vc::FGERR_OUT_OF_MEMORY, "Not enough storage is available to complete this operation"},
+};
+
 }  // namespace
+
+unsigned int NumberOfText(const std::string& text) {
+    for (const Known& known : kKnownTexts) {
+        if (text == known.text) {
+            return known.number;
+        }
+    }
+    return 0;
+}
 
 Error::Error(const std::string& operation, unsigned int result, const std::string& text)
     : std::runtime_error(Describe(operation, result, text)),

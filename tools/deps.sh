@@ -11,6 +11,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # kr7 and kr7host: PNG files, the command line, JSON
   libpng-dev libcli11-dev nlohmann-json3-dev
+  # the kr7 Python module for the system's python3, and its tests
+  pybind11-dev python3-dev python3-numpy python3-pytest
   # the second compiler, its sanitizer and fuzzer runtimes
   clang libclang-rt-14-dev
   # the Debian packages: building (dpkg-shlibdeps, file) and checking them

@@ -29,6 +29,13 @@ private:
     std::string m_strText;
 };
 
+// The error number the plug-in keeps as its last error together with
+// `text`, for the texts it gives the numbers of the public header ("The
+// scanner is disconnected." is 31): a capture's error callback hands over
+// the text alone. 0 for any other text, such as a failure of the scanner
+// itself, which names what failed ("Capture frame failed.").
+unsigned int NumberOfText(const std::string& text);
+
 // A file could not be loaded: the plug-in itself, a file that is no
 // frame-grabber plug-in, or one of the virtual scanner's libraries.
 class LoadError : public std::runtime_error {

@@ -333,6 +333,18 @@ TEST_F(Session, HandlerHasTheLentImageOnTheWorkerAndMayStopIt) {
     ASSERT_TRUE(Eventually([&] { return images.load() > 3; }));
 }
 
+TEST_F(Session, ErrorTextsGiveTheirNumbers) {
+    try {
+        plugin.SelectDevice(5);
+        ADD_FAILURE() << "interface 5 selected";
+    } catch (const Error& e) {
+        EXPECT_EQ(vc::FGERR_BAD_DEVICE_INDEX, e.Number());
+        EXPECT_EQ(e.Number(), NumberOfText(e.Text()));
+    }
+    EXPECT_EQ(vc::FGERR_DISCONNECTED, NumberOfText("The scanner is disconnected."));
+    EXPECT_EQ(0u, NumberOfText("Capture frame failed."));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {

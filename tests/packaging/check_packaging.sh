@@ -8,9 +8,14 @@
 # hardening-check when installed.
 # Usage: check_packaging.sh BUILD SOURCE CXX VERSION LIBDIR BINDIR INCLUDEDIR [SANITIZE]
 # Exits 77 (skipped) in sanitizer builds, whose libraries need the
-# sanitizer's runtime in the host.
+# sanitizer's runtime in the host. When the kr7 Python module is built,
+# KR7_PYTHON names the Python it is built for and KR7_PYTHON_MODULE its file
+# relative to the prefix; it is then checked in the installation and in
+# python3-kr7 too.
 set -euo pipefail
 build=$1 source=$2 cxx=$3 version=$4 libdir=$5 bindir=$6 includedir=$7 sanitize=${8:-}
+python=${KR7_PYTHON:-} pymodule=${KR7_PYTHON_MODULE:-}
+pydir=${pymodule%/*}
 if [ -n "$sanitize" ]; then
     echo "skipped: the $sanitize sanitizer build's libraries need its runtime in every host"
     exit 77
@@ -78,8 +83,11 @@ $libdir/cmake/norvakkr7fg/norvakkr7fgConfigVersion.cmake
 $libdir/norvakkr7fg/sim/libQV2ScanAPI.so
 $libdir/norvakkr7fg/sim/libnorvakcalibratesdk.so
 $libdir/norvakkr7fg/sim/libnorvaklf.so
+${pymodule:+$pymodule
+$pydir/kr7.pyi}
 LIST
 )
+expected=$(grep -v '^$' <<<"$expected")
 same_lines "cmake --install installs exactly the plug-in, header, host files, kr7 and stand-ins" \
     "$expected" "$installed"
 [ "$(PKG_CONFIG_PATH=$stage/$libdir/pkgconfig pkg-config --modversion norvakkr7fg)" = "$version" ] ||
@@ -91,6 +99,31 @@ run_host "installed, CMake" "$work/host-cmake/kr7host" "$stage/$libdir/norvakkr7
     "$work/cmake.bmp"
 run_host "installed, pkg-config" "$work/host-pkgconfig/kr7host" \
     "$stage/$libdir/norvakkr7fg/sim" "$work/pkgconfig.bmp"
+
+# The Python module from an installation: `plugin` is the plug-in to name;
+# it takes the stand-ins installed beside it (the loader's log says which
+# files it opened).
+run_python() {
+    local label=$1 folder=$2 plugin=$3 sim=$4 log=$5 list
+    if ! list=$(cd "$work" && LD_DEBUG=files PYTHONPATH=$folder "$python" -c "
+import kr7, sys
+print(kr7.__file__)
+print(kr7.devices(virtual=True, plugin=sys.argv[1]))
+with kr7.open(virtual=True, plugin=sys.argv[1]) as scanner:
+    print(next(iter(scanner.capture(count=1))).image.shape)
+" "$plugin" 2>"$log") || ! grep -q "serial='KR734652'" <<<"$list" ||
+        ! grep -q "^$folder/kr7\." <<<"$list" || ! grep -q "(472, 314)" <<<"$list"; then
+        fail "$label: the Python module"
+        echo "$list" | sed 's/^/  /'
+        grep -v "^ *[0-9]*:" "$log" | tail -20 | sed 's/^/  /'
+    fi
+    grep -q "file=$sim/libQV2ScanAPI.so " "$log" ||
+        fail "$label: the Python module did not take the stand-ins in $sim"
+}
+if [ -n "$pymodule" ]; then
+    run_python "installed" "$stage/$pydir" "$stage/$libdir/libnorvakkr7fg.so.1" \
+        "$stage/$libdir/norvakkr7fg/sim" "$work/python-stage.log"
+fi
 
 # ---- Debian packages --------------------------------------------------------
 debs=$work/debs
@@ -111,6 +144,10 @@ usr/share/man/man1/kr7.1.gz"
     [kr7-sim]="usr/$libdir/norvakkr7fg/sim/libQV2ScanAPI.so
 usr/$libdir/norvakkr7fg/sim/libnorvakcalibratesdk.so
 usr/$libdir/norvakkr7fg/sim/libnorvaklf.so")
+if [ -n "$pymodule" ]; then
+    contents[python3-kr7]="usr/$pymodule
+usr/$pydir/kr7.pyi"
+fi
 root=$work/root
 for package in "${!contents[@]}"; do
     deb=$debs/${package}_${version}_$arch.deb
@@ -147,6 +184,16 @@ done
 for package in libnorvakkr7fg1 libnorvakkr7fg-dev kr7-sim; do
     [ "$(field $package Multi-Arch)" = same ] || fail "$package is not Multi-Arch: same"
 done
+
+if [ -n "$pymodule" ]; then
+    python_depends=$(field python3-kr7 Depends)
+    for dependency in "libnorvakkr7fg1 (= $version)" python3-numpy "python3 (>=" libc6; do
+        grep -qF "$dependency" <<<"$python_depends" ||
+            fail "python3-kr7 does not depend on $dependency: $python_depends"
+    done
+    [ "$pydir" = lib/python3/dist-packages ] ||
+        fail "the Python module is not installed into lib/python3/dist-packages: $pydir"
+fi
 
 # Control files. The loader's cache is refreshed by the ldconfig trigger,
 # never by a maintainer script.
@@ -217,6 +264,10 @@ if ! list=$(LD_DEBUG=files "$root/usr/$bindir/kr7" --virtual \
 fi
 grep -q "file=$sim/libQV2ScanAPI.so " "$work/kr7.log" ||
     fail "kr7 from the unpacked packages did not take the stand-ins in $sim"
+if [ -n "$pymodule" ]; then
+    run_python "unpacked packages" "$root/usr/$pydir" "$root/usr/$libdir/libnorvakkr7fg.so.1" \
+        "$sim" "$work/python-root.log"
+fi
 
 if command -v lintian >/dev/null; then
     if ! lintian -I --pedantic --fail-on error,warning "$debs"/*.deb >"$work/lintian.log" 2>&1; then

@@ -1,0 +1,82 @@
+// What a person wants to know of a finger image, and which images of a
+// finger capture a person keeps: the read-out `kr7 capture` prints (area and
+// contrast) and its one result per placement, shared by every front end.
+// The platen is white and ridges are dark; the image is looked at in 16×16
+// tiles.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include <norvakkr7fg/framegrabber.h>
+
+#include "kr7host/image.h"
+
+namespace kr7host {
+
+struct Quality {
+    double area = 0;      // share of the tiles the finger covers (0..1)
+    double contrast = 0;  // mean ridge-to-valley difference on covered tiles (0..1)
+    double mean = 255;    // mean grey level: lower is more finger
+};
+
+Quality Measure(const Image& image);
+
+// A finger is on the platen when this share of it is covered.
+constexpr double kFingerArea = 0.05;
+
+// Plain, fast plain and rolled finger: the modes that give finger results.
+bool IsFingerMode(vc::eCaptureModeIDs mode);
+
+// An image of a capture with its read-out.
+struct Shot {
+    Image image;
+    Quality quality;
+    std::int64_t frame = 0;  // the plug-in's frames before it
+};
+
+// Measures `image` and keeps it in the shot; a negative frame counts as 0.
+Shot Measured(Image&& image, std::int64_t frame);
+
+// Which images of a capture a person keeps. Live and preview frames all do,
+// up to the number wanted. In the finger modes the detector reports a
+// result on every frame while a finger lies still: of each placement only
+// the darkest result is kept, handed on when the finger has gone (a rolled
+// print is complete in one result). Not thread-safe: one thread feeds it.
+class Placements {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Placements(vc::eCaptureModeIDs mode, int wanted) : m_eMode(mode), m_nWanted(wanted) {}
+
+    // A live frame. In the finger modes only its quality and frame number
+    // count (the image may be left empty).
+    void Frame(Shot&& shot);
+    void Result(Shot&& shot);
+    // The placement still open when the capture has ended.
+    void Close();
+
+    // The images handed on since the last call, at most `wanted` in all.
+    std::vector<Shot> TakeReady();
+    int Handed() const { return m_nHanded; }
+
+    // What a person at a terminal is asked to do.
+    const char* Prompt() const;
+    bool Finger() const { return m_bFinger; }
+
+private:
+    void Hand(Shot&& shot);
+
+    const vc::eCaptureModeIDs m_eMode;
+    const int m_nWanted;
+    int m_nHanded = 0;
+    bool m_bFinger = false;
+    std::optional<Shot> m_Best;  // of the placement on the platen
+    std::int64_t m_nLastResultFrame = -2;
+    Clock::time_point m_LastResult;
+    std::vector<Shot> m_vReady;
+};
+
+}  // namespace kr7host
