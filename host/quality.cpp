@@ -1,9 +1,10 @@
-#include "quality.h"
+#include "kr7host/quality.h"
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
-namespace kr7 {
+namespace kr7host {
 
 Quality Measure(const kr7host::Image& image) {
     constexpr int kTile = 16;
@@ -69,4 +70,79 @@ Quality Measure(const kr7host::Image& image) {
     return quality;
 }
 
-}  // namespace kr7
+bool IsFingerMode(vc::eCaptureModeIDs mode) {
+    return mode == vc::eCapturePlainFinger || mode == vc::eCaptureFastPlainFinger ||
+           mode == vc::eCaptureRolledFinger;
+}
+
+Shot Measured(Image&& image, std::int64_t frame) {
+    Shot shot;
+    shot.quality = Measure(image);
+    shot.image = std::move(image);
+    shot.frame = frame < 0 ? 0 : frame;
+    return shot;
+}
+
+void Placements::Frame(Shot&& shot) {
+    m_bFinger = shot.quality.area >= kFingerArea;
+    if (!IsFingerMode(m_eMode)) {
+        Hand(std::move(shot));
+    } else if (m_eMode != vc::eCaptureRolledFinger && m_Best && !m_bFinger &&
+               m_nLastResultFrame < shot.frame - 1) {
+        // No result on the previous frame and no finger on this one.
+        Close();
+    }
+}
+
+void Placements::Result(Shot&& shot) {
+    m_nLastResultFrame = shot.frame;
+    m_LastResult = Clock::now();
+    if (m_eMode == vc::eCaptureRolledFinger) {
+        Hand(std::move(shot));
+    } else if (!m_Best || shot.quality.mean < m_Best->quality.mean) {
+        m_Best = std::move(shot);
+    }
+}
+
+void Placements::Close() {
+    if (m_Best) {
+        Hand(std::move(*m_Best));
+        m_Best.reset();
+    }
+}
+
+std::vector<Shot> Placements::TakeReady() {
+    return std::exchange(m_vReady, {});
+}
+
+bool Placements::Taken() const {
+    if (m_eMode == vc::eCaptureRolledFinger) {
+        return m_LastResult != Clock::time_point() &&
+               Clock::now() - m_LastResult < std::chrono::milliseconds(1500);
+    }
+    return m_bFinger && m_Best;
+}
+
+const char* Placements::Prompt() const {
+    switch (m_eMode) {
+        case vc::eCaptureRolledFinger:
+            return Taken() ? "Lift the finger" : "Roll the finger from one nail edge to the other";
+        case vc::eCapturePlainFinger:
+        case vc::eCaptureFastPlainFinger:
+            if (!m_bFinger) {
+                return "Place a finger on the platen";
+            }
+            return m_Best ? "Lift the finger" : "Hold the finger still";
+        default:
+            return "Taking frames";
+    }
+}
+
+void Placements::Hand(Shot&& shot) {
+    if (m_nHanded < m_nWanted) {
+        ++m_nHanded;
+        m_vReady.push_back(std::move(shot));
+    }
+}
+
+}  // namespace kr7host

@@ -1,0 +1,79 @@
+// What a person wants to know of a finger image, and which images of a
+// capture are worth keeping. The platen is white and ridges are dark; the
+// image is looked at in 16×16 tiles.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include <norvakkr7fg/framegrabber.h>
+
+#include "kr7host/image.h"
+
+namespace kr7host {
+
+struct Quality {
+    double area = 0;      // share of the tiles the finger covers (0..1)
+    double contrast = 0;  // mean ridge-to-valley difference on covered tiles (0..1)
+    double mean = 255;    // mean grey level: lower is more finger
+};
+
+Quality Measure(const Image& image);
+
+// A finger is on the platen when this share of it is covered.
+constexpr double kFingerArea = 0.05;
+
+// Plain, fast plain and rolled: the modes in which the detector gives results.
+bool IsFingerMode(vc::eCaptureModeIDs mode);
+
+struct Shot {
+    Image image;
+    Quality quality;
+    std::int64_t frame = 0;  // the plug-in's frames before it
+};
+
+// The image measured; a negative frame number counts as 0.
+Shot Measured(Image&& image, std::int64_t frame);
+
+// Which images of a capture are kept. Live and preview frames all are, up
+// to the number wanted. In the finger modes the detector reports a result
+// on every frame while a finger lies still: of each placement only the
+// darkest result is kept, handed on when the finger has gone (a rolled
+// print is complete in one result). Frames may be skipped: only their
+// numbers' order matters.
+class Placements {
+public:
+    Placements(vc::eCaptureModeIDs mode, int wanted) : m_eMode(mode), m_nWanted(wanted) {}
+
+    void Frame(Shot&& shot);
+    void Result(Shot&& shot);
+    // The placement still open when the capture has ended.
+    void Close();
+
+    std::vector<Shot> TakeReady();
+
+    // What a person at the scanner is asked to do.
+    const char* Prompt() const;
+    // A finger covers the platen in the last frame.
+    bool Finger() const { return m_bFinger; }
+    // The finger on the platen has given a result (plain modes), or a roll
+    // ended moments ago.
+    bool Taken() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+    void Hand(Shot&& shot);
+
+    const vc::eCaptureModeIDs m_eMode;
+    const int m_nWanted;
+    int m_nHanded = 0;
+    bool m_bFinger = false;
+    std::optional<Shot> m_Best;  // of the placement on the platen
+    std::int64_t m_nLastResultFrame = -2;
+    Clock::time_point m_LastResult;
+    std::vector<Shot> m_vReady;
+};
+
+}  // namespace kr7host
