@@ -8,7 +8,7 @@ namespace kr7viewer {
 namespace {
 
 // While the scanner is away a capture is tried again this often.
-constexpr std::chrono::milliseconds kRetryPeriod(500);
+constexpr std::chrono::milliseconds kRetryPeriod(250);
 
 }  // namespace
 
@@ -138,6 +138,11 @@ void Session::SetProperty(vc::ePropertyIDs property, bool on) {
         try {
             m_pPlugin->SetProperty(property, on ? 100 : 0);
             Later([this, property, on] { emit propertySet(property, on); });
+            if (property == vc::ePropFakeFingerDetection && m_pCapture) {
+                // The plug-in applies it when a capture starts.
+                DoStop();
+                DoStart();
+            }
         } catch (const std::exception& e) {
             Fail(e);
         }
@@ -168,11 +173,11 @@ void Session::DoOpen() {
         }
     } catch (const kr7host::LoadError& e) {
         std::string text = e.what();
-        if (e.What() == kr7host::LoadError::Kind::Plugin && m_Options.load.plugin.empty()) {
+        if (e.What() != kr7host::LoadError::Kind::VirtualScanner) {
             text += m_Options.load.virtualScanner
-                        ? "\nIs the plug-in installed? Name one with --plugin PATH."
-                        : "\nIs the plug-in installed? Name one with --plugin PATH, or start with "
-                          "--virtual for the virtual scanner.";
+                        ? "\nName the plug-in file with --plugin PATH."
+                        : "\nName the plug-in file with --plugin PATH, or start with --virtual "
+                          "for the virtual scanner.";
         }
         m_pPlugin.reset();
         Later([this, text] { emit loadFailed(QString::fromStdString(text)); });
