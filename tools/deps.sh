@@ -13,6 +13,8 @@ packages=(
   libpng-dev libcli11-dev nlohmann-json3-dev
   # the second compiler, its sanitizer and fuzzer runtimes
   clang libclang-rt-14-dev
+  # kr7-viewer and its tests (Qt 6 Widgets, QtTest; fonts for the offscreen platform)
+  qt6-base-dev fonts-dejavu-core
   # the Debian packages: building (dpkg-shlibdeps, file) and checking them
   dpkg-dev file lintian
 )
