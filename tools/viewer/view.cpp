@@ -6,12 +6,28 @@
 
 namespace kr7viewer {
 
-QImage Wrap(const kr7host::Image& image) {
+void ToRgb(const kr7host::Image& image, QImage& out) {
     if (image.Empty()) {
-        return QImage();
+        out = QImage();
+        return;
     }
-    return QImage(image.pixels.data(), image.width, image.height, image.width,
-                  QImage::Format_Grayscale8);
+    if (out.width() != image.width || out.height() != image.height ||
+        out.format() != QImage::Format_RGB32) {
+        out = QImage(image.width, image.height, QImage::Format_RGB32);
+    }
+    for (int y = 0; y < image.height; ++y) {
+        const std::uint8_t* grey = image.Row(y);
+        auto* rgb = reinterpret_cast<QRgb*>(out.scanLine(y));
+        for (int x = 0; x < image.width; ++x) {
+            rgb[x] = 0xff000000u | grey[x] * 0x010101u;
+        }
+    }
+}
+
+QImage ToRgb(const kr7host::Image& image) {
+    QImage out;
+    ToRgb(image, out);
+    return out;
 }
 
 LiveView::LiveView(QWidget* parent) : QWidget(parent) {
@@ -21,7 +37,7 @@ LiveView::LiveView(QWidget* parent) : QWidget(parent) {
 
 void LiveView::Show(const kr7host::Image& image, std::int64_t number) {
     const QSize before = m_Image.size();
-    m_Image = Wrap(image);
+    ToRgb(image, m_Image);
     m_nNumber = number;
     if (!m_bFit && before != m_Image.size()) {
         setFixedSize(m_Image.size());

@@ -10,16 +10,18 @@
 
 namespace kr7viewer {
 
-// A QImage over an 8-bit grey image's pixels, without a copy: valid while
-// the image is unchanged.
-QImage Wrap(const kr7host::Image& image);
+// The grey image as 32-bit RGB in `out` (reused when its size fits). Qt
+// draws and scales that format directly; a grey one it would convert first,
+// on every paint, on threads of its pool.
+void ToRgb(const kr7host::Image& image, QImage& out);
+QImage ToRgb(const kr7host::Image& image);
 
 class LiveView : public QWidget {
     Q_OBJECT
 public:
     explicit LiveView(QWidget* parent = nullptr);
 
-    // Shows `image` (kept by the caller until the next call).
+    // Shows a copy of `image`.
     void Show(const kr7host::Image& image, std::int64_t number);
     void SetFit(bool fit);
     bool Fit() const { return m_bFit; }

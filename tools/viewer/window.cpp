@@ -46,6 +46,17 @@ int Percent(double share) {
     return static_cast<int>(std::lround(share * 100.0));
 }
 
+double Mean(const kr7host::Image& image) {
+    if (image.Empty()) {
+        return 255;
+    }
+    unsigned long long total = 0;
+    for (std::uint8_t p : image.pixels) {
+        total += p;
+    }
+    return static_cast<double>(total) / static_cast<double>(image.pixels.size());
+}
+
 QPushButton* Button(const QString& text, QWidget* parent) {
     auto* button = new QPushButton(text, parent);
     button->setFocusPolicy(Qt::NoFocus);
@@ -425,7 +436,13 @@ void Window::OnResult(const kr7host::Image& image, std::int64_t frame) {
         m_Frame.number = frame;
         m_pView->Show(m_Frame.image, frame);
     }
-    m_pPlacements->Result(kr7host::Measured(kr7host::Image(image), frame));
+    // Of each placement the darkest result is kept: the mean is all it takes
+    // to choose; the kept one is measured in full for the strip.
+    kr7host::Shot shot;
+    shot.image = image;
+    shot.frame = frame;
+    shot.quality.mean = Mean(image);
+    m_pPlacements->Result(std::move(shot));
     AddReady();
     UpdateFinger();
 }
@@ -447,13 +464,14 @@ void Window::OnDeviceEvent(unsigned int type) {
 
 void Window::AddReady() {
     for (kr7host::Shot& shot : m_pPlacements->TakeReady()) {
+        shot.quality = kr7host::Measure(shot.image);
         AddThumbnail(std::move(shot), "");
     }
 }
 
 void Window::AddThumbnail(kr7host::Shot&& shot, const QString& label) {
     const int number = Results() + 1;
-    const QPixmap icon = QPixmap::fromImage(Wrap(shot.image).scaled(
+    const QPixmap icon = QPixmap::fromImage(ToRgb(shot.image).scaled(
         m_pStrip->iconSize(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
     const QString caption =
         QString("#%1 %2\narea %3 %  contrast %4 %")
@@ -483,7 +501,7 @@ void Window::ShowFull(int index) {
         m_pFull->setAlignment(Qt::AlignCenter);
     }
     const kr7host::Image& image = m_vResults[index].image;
-    static_cast<QLabel*>(m_pFull->widget())->setPixmap(QPixmap::fromImage(Wrap(image)));
+    static_cast<QLabel*>(m_pFull->widget())->setPixmap(QPixmap::fromImage(ToRgb(image)));
     m_pFull->widget()->adjustSize();
     m_pFull->setWindowTitle(QString("Result #%1 (%2×%3)").arg(index + 1).arg(image.width).arg(
         image.height));

@@ -184,10 +184,10 @@ private slots:
     void SlowPaintDoesNotSlowTheScanner() {
         auto window = Open(vc::eCaptureLive);
         QVERIFY(Running(*window));
-        window->View().SetPaintDelay(200);
+        window->View().SetPaintDelay(200 * kScale);
         const long delivered = window->Scanner().Delivered();
         const long paints = window->View().Paints();
-        QTest::qWait(3000);
+        QTest::qWait(3000 * kScale);
         const long newFrames = window->Scanner().Delivered() - delivered;
         const long newPaints = window->View().Paints() - paints;
         QVERIFY2(newFrames > 3 * newPaints,
