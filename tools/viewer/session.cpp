@@ -149,9 +149,13 @@ void Session::SetProperty(vc::ePropertyIDs property, bool on) {
     });
 }
 
-bool Session::TakeFrame(Frame& into) {
+bool Session::Take(Frame& into, std::vector<Result>& results) {
     std::lock_guard<std::mutex> lock(m_FrameMutex);
     m_bNotified = false;
+    for (Result& result : m_vResults) {
+        results.push_back(std::move(result));
+    }
+    m_vResults.clear();
     if (!m_bFresh) {
         return false;
     }
@@ -332,9 +336,16 @@ void Session::OnDelivery(const kr7host::Delivery& delivery) {
             break;
         }
         case kr7host::Kind::Result: {
-            kr7host::Image image(delivery.image, kr7host::kScannerPpi);
-            const std::int64_t frame = delivery.frame;
-            Later([this, image = std::move(image), frame] { emit result(image, frame); });
+            Result result{kr7host::Image(delivery.image, kr7host::kScannerPpi), delivery.frame};
+            bool notify = false;
+            {
+                std::lock_guard<std::mutex> lock(m_FrameMutex);
+                m_vResults.push_back(std::move(result));
+                notify = !std::exchange(m_bNotified, true);
+            }
+            if (notify) {
+                Later([this] { emit framesReady(); });
+            }
             break;
         }
         case kr7host::Kind::Error: {

@@ -7,8 +7,8 @@
 // Frames arrive on the plug-in's worker thread. The handler copies each into
 // a spare buffer and swaps it into the hand-over slot: the interface thread
 // takes the newest one, and a frame replaced before it was taken counts as
-// dropped by the view. Results, errors, events and the end of a capture are
-// posted one by one and none is lost.
+// dropped by the view. Results queue beside the slot and none is lost;
+// errors, events and the end of a capture are posted one by one.
 #pragma once
 
 #include <QObject>
@@ -35,6 +35,12 @@ struct Frame {
     kr7host::Image image;
     std::int64_t number = -1;  // in its capture
     long generation = 0;       // which start of a capture it belongs to
+};
+
+// A finger result, as the interface thread receives it.
+struct Result {
+    kr7host::Image image;
+    std::int64_t frame = -1;  // the number of the frame before it
 };
 
 struct ScannerInfo {
@@ -68,9 +74,11 @@ public:
     void Contamination();
     void SetProperty(vc::ePropertyIDs property, bool on);
 
-    // Interface thread: the newest frame not yet taken, swapped into `into`
-    // (whose buffer goes back for reuse); false when there is none.
-    bool TakeFrame(Frame& into);
+    // Interface thread: the results that came since the last call, in
+    // order, appended to `results`; then the newest frame not yet taken,
+    // swapped into `into` (whose buffer goes back for reuse), and false when
+    // there is none. Results come before the frames after them.
+    bool Take(Frame& into, std::vector<Result>& results);
 
     // Frames the plug-in delivered, and of them those the view never took.
     long Delivered() const { return m_nDelivered.load(); }
@@ -79,6 +87,7 @@ public:
     bool Wanted() const { return m_bWanted.load(); }
 
 signals:
+    // Frames or results wait for Take.
     void framesReady();
     void opened(const kr7viewer::ScannerInfo& info);
     // A failure to show in the banner; `generation`: the capture it ended,
@@ -86,7 +95,6 @@ signals:
     void failed(const QString& text, long generation);
     void loadFailed(const QString& text);
     void capturing(bool running, int mode);
-    void result(const kr7host::Image& image, std::int64_t frame);
     void warning(const QString& text);
     void snapshot(const kr7host::Image& image);
     void contamination(double value);
@@ -134,6 +142,7 @@ private:
     kr7host::Image m_Incoming;
     std::mutex m_FrameMutex;
     Frame m_Latest;             // under m_FrameMutex
+    std::vector<Result> m_vResults;  // under m_FrameMutex
     bool m_bFresh = false;      // m_Latest not yet taken; under m_FrameMutex
     bool m_bNotified = false;   // framesReady posted, not yet handled; under m_FrameMutex
 

@@ -162,7 +162,6 @@ Window::Window(const Options& options, QWidget* parent)
         SetBanner(text, 0);
     });
     connect(session, &Session::capturing, this, &Window::OnCapturing);
-    connect(session, &Session::result, this, &Window::OnResult);
     connect(session, &Session::warning, this,
             [this](const QString& text) { statusBar()->showMessage(text, 3000); });
     connect(session, &Session::snapshot, this, &Window::OnSnapshot);
@@ -352,7 +351,12 @@ void Window::closeEvent(QCloseEvent* event) {
 }
 
 void Window::OnFrames() {
-    if (!m_pSession->TakeFrame(m_Frame)) {
+    const bool fresh = m_pSession->Take(m_Frame, m_vArrived);
+    for (Result& result : m_vArrived) {
+        OnResult(std::move(result));
+    }
+    m_vArrived.clear();
+    if (!fresh) {
         return;
     }
     m_pView->Show(m_Frame.image, m_Frame.number);
@@ -426,22 +430,20 @@ void Window::OnCapturing(bool running, int mode) {
     UpdateFinger();
 }
 
-void Window::OnResult(const kr7host::Image& image, std::int64_t frame) {
+void Window::OnResult(Result&& result) {
     if (!m_pPlacements) {
         return;
     }
     if (m_eCaptureMode == vc::eCaptureRolledFinger) {
         // No live frames in this mode: the view shows the rolled print.
-        m_Frame.image = image;
-        m_Frame.number = frame;
-        m_pView->Show(m_Frame.image, frame);
+        m_pView->Show(result.image, result.frame);
     }
     // Of each placement the darkest result is kept: the mean is all it takes
     // to choose; the kept one is measured in full for the strip.
     kr7host::Shot shot;
-    shot.image = image;
-    shot.frame = frame;
-    shot.quality.mean = Mean(image);
+    shot.quality.mean = Mean(result.image);
+    shot.image = std::move(result.image);
+    shot.frame = result.frame;
     m_pPlacements->Result(std::move(shot));
     AddReady();
     UpdateFinger();

@@ -68,7 +68,7 @@ private:
     void OnOpened(const ScannerInfo& info);
     void OnFailed(const QString& text, long generation);
     void OnCapturing(bool running, int mode);
-    void OnResult(const kr7host::Image& image, std::int64_t frame);
+    void OnResult(Result&& result);
     void OnSnapshot(const kr7host::Image& image);
     void OnDeviceEvent(unsigned int type);
     void AddReady();
@@ -105,6 +105,7 @@ private:
 
     ScannerInfo m_Info;
     Frame m_Frame;
+    std::vector<Result> m_vArrived;  // taken from the session, not yet handled
     bool m_bCapturing = false;
     vc::eCaptureModeIDs m_eCaptureMode = vc::eCaptureLive;
     std::unique_ptr<kr7host::Placements> m_pPlacements;
