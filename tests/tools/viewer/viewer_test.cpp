@@ -208,6 +208,16 @@ private slots:
         window->Control(vc::ePropGreenLED)->setChecked(true);
         QTRY_VERIFY_WITH_TIMEOUT(Journal().find("green 255,") != std::string::npos,
                                  3000 * kScale);
+        // The contamination check and the snapshot pause the capture and
+        // resume it.
+        double contamination = -1;
+        connect(&window->Scanner(), &kr7viewer::Session::contamination, this,
+                [&](double value) { contamination = value; });
+        window->Scanner().Contamination();
+        QTRY_VERIFY_WITH_TIMEOUT(contamination >= 0 && contamination <= 1, 5000 * kScale);
+        window->Scanner().Snapshot();
+        QTRY_COMPARE_WITH_TIMEOUT(window->Results(), 1, 5000 * kScale);
+        QVERIFY(Running(*window));
         window->Control(vc::ePropFakeFingerDetection)->setChecked(true);
         QTRY_VERIFY_WITH_TIMEOUT(window->EventText().contains("Fake finger detected"),
                                  10000 * kScale);
