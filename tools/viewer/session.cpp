@@ -137,7 +137,6 @@ void Session::SetProperty(vc::ePropertyIDs property, bool on) {
         }
         try {
             m_pPlugin->SetProperty(property, on ? 100 : 0);
-            Later([this, property, on] { emit propertySet(property, on); });
             if (property == vc::ePropFakeFingerDetection && m_pCapture) {
                 // The plug-in applies it when a capture starts.
                 DoStop();
@@ -224,11 +223,10 @@ void Session::DoRefresh() {
                 info.details << QString::fromStdString(text);
             }
         }
-    } catch (const std::exception& e) {
+    } catch (const std::exception&) {
         // Unplugged while listing: the scanner counts as absent.
         info.interfaces.clear();
         info.scanners.clear();
-        (void)e;
     }
     Later([this, info] { emit opened(info); });
     if (info.interfaces.empty()) {

@@ -99,7 +99,6 @@ signals:
     void snapshot(const kr7host::Image& image);
     void contamination(double value);
     void deviceEvent(unsigned int type);
-    void propertySet(int property, bool on);
 
 private:
     using Job = std::function<void()>;

@@ -315,8 +315,7 @@ vc::eCaptureModeIDs Window::Mode() const {
 }
 
 QString Window::Banner() const {
-    return m_pBanner->isVisible() || !m_pBannerText->text().isEmpty() ? m_pBannerText->text()
-                                                                      : QString();
+    return m_pBannerText->text();
 }
 
 QString Window::FingerState() const {
