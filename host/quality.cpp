@@ -115,13 +115,18 @@ std::vector<Shot> Placements::TakeReady() {
     return std::exchange(m_vReady, {});
 }
 
+bool Placements::Taken() const {
+    if (m_eMode == vc::eCaptureRolledFinger) {
+        return m_LastResult != Clock::time_point() &&
+               Clock::now() - m_LastResult < std::chrono::milliseconds(1500);
+    }
+    return m_bFinger && m_Best;
+}
+
 const char* Placements::Prompt() const {
     switch (m_eMode) {
         case vc::eCaptureRolledFinger:
-            return m_LastResult != Clock::time_point() &&
-                           Clock::now() - m_LastResult < std::chrono::milliseconds(1500)
-                       ? "Lift the finger"
-                       : "Roll the finger from one nail edge to the other";
+            return Taken() ? "Lift the finger" : "Roll the finger from one nail edge to the other";
         case vc::eCapturePlainFinger:
         case vc::eCaptureFastPlainFinger:
             if (!m_bFinger) {

@@ -15,6 +15,8 @@ packages=(
   pybind11-dev python3-dev python3-numpy python3-pytest
   # the second compiler, its sanitizer and fuzzer runtimes
   clang libclang-rt-14-dev
+  # kr7-viewer and its tests (Qt 6 Widgets, QtTest; fonts for the offscreen platform)
+  qt6-base-dev fonts-dejavu-core
   # the Debian packages: building (dpkg-shlibdeps, file) and checking them
   # (lintian; groff for the manual pages)
   dpkg-dev file lintian groff-base

@@ -62,9 +62,13 @@ public:
     std::vector<Shot> TakeReady();
     int Handed() const { return m_nHanded; }
 
-    // What a person at a terminal is asked to do.
+    // What a person at the scanner is asked to do.
     const char* Prompt() const;
+    // A finger covers the platen in the last frame.
     bool Finger() const { return m_bFinger; }
+    // The finger on the platen has given a result (plain modes), or a roll
+    // ended moments ago.
+    bool Taken() const;
 
 private:
     void Hand(Shot&& shot);

@@ -68,7 +68,7 @@ build_pkgconfig() {
 # ---- cmake --install -------------------------------------------------------
 stage=$work/stage
 cmake --install "$build" --prefix "$stage" >"$work/install.log"
-installed=$(cd "$stage" && find . ! -type d | sed 's|^\./||' | sort)
+installed=$(cd "$stage" && find . ! -type d | sed 's|^\./||' | grep -v kr7-viewer | sort)
 expected=$(sort <<LIST
 $bindir/kr7
 share/man/man1/kr7.1.gz
@@ -267,6 +267,36 @@ grep -q "file=$sim/libQV2ScanAPI.so " "$work/kr7.log" ||
 if [ -n "$pymodule" ]; then
     run_python "unpacked packages" "$root/usr/$pydir" "$root/usr/$libdir/libnorvakkr7fg.so.1" \
         "$sim" "$work/python-root.log"
+fi
+
+# ---- kr7-viewer, when Qt 6 was found ------------------------------------------
+if [ -e "$build/tools/viewer/kr7-viewer" ]; then
+    viewer_files=$(sort <<LIST
+$bindir/kr7-viewer
+share/applications/kr7-viewer.desktop
+share/icons/hicolor/scalable/apps/kr7-viewer.svg
+share/man/man1/kr7-viewer.1.gz
+LIST
+)
+    same_lines "cmake --install installs kr7-viewer, its desktop entry, icon and manual page" \
+        "$viewer_files" "$(cd "$stage" && find . ! -type d | sed 's|^\./||' | grep kr7-viewer | sort)"
+    deb=$debs/kr7-viewer_${version}_$arch.deb
+    same_lines "kr7-viewer holds exactly its files" \
+        "$( (sed 's|^|usr/|' <<<"$viewer_files"
+            printf 'usr/share/doc/kr7-viewer/%s\n' copyright changelog.gz) | sort)" \
+        "$(dpkg-deb -c "$deb" | grep -v '^d' | awk '{print $6}' | sed 's|^\./||' | sort)"
+    grep -q "libnorvakkr7fg1 (= $version)" <<<"$(field kr7-viewer Depends)" ||
+        fail "kr7-viewer does not depend on libnorvakkr7fg1 (= $version)"
+    [ "$(field kr7-viewer Suggests)" = kr7-sim ] || fail "kr7-viewer does not suggest kr7-sim"
+    dpkg-deb -x "$deb" "$root"
+    # --help needs no display.
+    env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM "$root/usr/$bindir/kr7-viewer" --help \
+        >"$work/viewer-help.log" 2>&1 && grep -q "^usage: kr7-viewer" "$work/viewer-help.log" ||
+        fail "kr7-viewer --help from the unpacked package"
+    if command -v desktop-file-validate >/dev/null; then
+        desktop-file-validate "$root/usr/share/applications/kr7-viewer.desktop" ||
+            fail "the desktop entry of kr7-viewer is not valid"
+    fi
 fi
 
 if command -v lintian >/dev/null; then
