@@ -47,6 +47,10 @@ enum class ImpressionKind : uint8_t { Plain, Rolled };
 // print starts. Random draws it from the placement, as it always did, so
 // existing seeds keep their frames.
 enum class RollDirection : uint8_t { Random, FromLeft, FromRight };
+// How much one placement differs from the next. Natural draws what the
+// caller leaves open from the ranges of real placements; Easy keeps a
+// normal, firm, centred-ish touch that always gives a good image.
+enum class Variation : uint8_t { Natural, Easy };
 
 // One scanner unit: frame size and sensor imperfections.
 struct SensorConfig {
@@ -95,6 +99,7 @@ struct ImpressionParams {
     Skin skin = Skin::Normal;
     double pressure = 1.0;     // peak pressure: 0.3 light touch, 1 normal, 1.6 hard
     bool random_pose = true;   // false: centred, upright, no warp
+    Variation variation = Variation::Natural;
     bool force_class = false;  // passed to the master request
     FingerClass finger_class = FingerClass::LeftLoop;
 
