@@ -21,7 +21,7 @@ constexpr int kMaxPasses = 60;
 constexpr double kStopFraction = 0.003;
 constexpr float kChangeEpsilon = 0.05f;  // with a sign change: ridge became valley
 constexpr int kBlock = 8;
-constexpr int kPixelsPerDefect = 1200;
+constexpr int kPixelsPerDefect = 900;
 constexpr int kDefectPasses = 12;
 
 // Stream identifiers keep the random draws of different purposes apart.
@@ -30,6 +30,7 @@ constexpr uint64_t kStreamPeriod = 0x504552494F44ull;
 constexpr uint64_t kStreamSeeds = 0x5345454453ull;
 constexpr uint64_t kStreamPores = 0x504F524553ull;
 constexpr uint64_t kStreamDefects = 0x444546454354ull;
+constexpr uint64_t kStreamFlow = 0x464C4F57ull;
 
 struct Layout {
     FingerClass finger_class;
@@ -42,8 +43,8 @@ struct Layout {
 Layout PlaceSingularities(FingerClass cls, int w, int h, Rng& rng) {
     Layout l;
     l.finger_class = cls;
-    const double cx = w * rng.Uniform(0.40, 0.60);
-    const double cy = h * rng.Uniform(0.35, 0.50);
+    const double cx = w * rng.Uniform(0.35, 0.65);
+    const double cy = h * rng.Uniform(0.30, 0.52);
     auto pt = [](double x, double y) {
         return Point{static_cast<float>(x), static_cast<float>(y)};
     };
@@ -63,20 +64,20 @@ Layout PlaceSingularities(FingerClass cls, int w, int h, Rng& rng) {
         case FingerClass::RightLoop: {
             // A left loop opens to the left; its delta lies to the right.
             const double side = cls == FingerClass::LeftLoop ? 1.0 : -1.0;
-            const double dist = rng.Uniform(95.0, 145.0);
-            const double ang = rng.Uniform(30.0, 55.0) * kPi / 180.0;
+            const double dist = rng.Uniform(80.0, 170.0);
+            const double ang = rng.Uniform(15.0, 65.0) * kPi / 180.0;
             l.cores.push_back(pt(cx, cy));
             l.deltas.push_back(pt(cx + side * dist * std::sin(ang), cy + dist * std::cos(ang)));
             break;
         }
         case FingerClass::Whorl: {
-            const double sep = rng.Uniform(15.0, 30.0);
+            const double sep = rng.Uniform(12.0, 45.0);
             const double ang = rng.Uniform(-0.7, 0.7);
             const double dx = 0.5 * sep * std::cos(ang), dy = 0.5 * sep * std::sin(ang);
             l.cores.push_back(pt(cx - dx, cy - dy));
             l.cores.push_back(pt(cx + dx, cy + dy));
-            l.deltas.push_back(pt(cx - rng.Uniform(100.0, 140.0), cy + rng.Uniform(80.0, 130.0)));
-            l.deltas.push_back(pt(cx + rng.Uniform(100.0, 140.0), cy + rng.Uniform(80.0, 130.0)));
+            l.deltas.push_back(pt(cx - rng.Uniform(90.0, 150.0), cy + rng.Uniform(70.0, 140.0)));
+            l.deltas.push_back(pt(cx + rng.Uniform(90.0, 150.0), cy + rng.Uniform(70.0, 140.0)));
             break;
         }
     }
@@ -240,13 +241,38 @@ Layout DrawLayout(const MasterRequest& req, int w, int h) {
     return PlaceSingularities(cls, w, h, rng);
 }
 
+// Real ridge flow departs from the zero-pole model away from the singular
+// points, differently on every finger: a smooth deflection of a few to about
+// fifteen degrees from three long waves. Being continuous, it leaves the
+// Poincare indices (the class) as they are.
+struct FlowDeflection {
+    double kx[3], ky[3], ph[3], amp[3];
+    explicit FlowDeflection(uint64_t seed) {
+        Rng rng(HashWords(seed, kStreamFlow));
+        for (int i = 0; i < 3; ++i) {
+            const double wl = rng.Uniform(160.0, 420.0), dir = rng.Uniform(0.0, kPi);
+            kx[i] = 2 * kPi / wl * std::cos(dir);
+            ky[i] = 2 * kPi / wl * std::sin(dir);
+            ph[i] = rng.Uniform(0.0, 2 * kPi);
+            amp[i] = rng.Uniform(0.0, 0.10);
+        }
+    }
+    double At(double x, double y) const {
+        double v = 0;
+        for (int i = 0; i < 3; ++i)
+            v += amp[i] * std::sin(kx[i] * x + ky[i] * y + ph[i]);
+        return v;
+    }
+};
+
 // Stage 2: ridge orientation, smoothed as the doubled-angle vector.
-std::vector<float> OrientationField(const Layout& layout, int w, int h) {
+std::vector<float> OrientationField(const Layout& layout, uint64_t seed, int w, int h) {
     const size_t n = static_cast<size_t>(w) * h;
+    const FlowDeflection deflection(seed);
     std::vector<float> c2(n), s2(n);
     for (int y = 0; y < h; ++y) {
         for (int x = 0; x < w; ++x) {
-            const double t = RawOrientation(layout, x, y);
+            const double t = RawOrientation(layout, x, y) + deflection.At(x, y);
             c2[y * w + x] = static_cast<float>(std::cos(2 * t));
             s2[y * w + x] = static_cast<float>(std::sin(2 * t));
         }
@@ -269,7 +295,7 @@ std::vector<float> OrientationField(const Layout& layout, int w, int h) {
 // the finger's own mean. Returns the mean over the canvas.
 double PeriodField(uint64_t seed, int w, int h, std::vector<float>& period) {
     Rng rng(HashWords(seed, kStreamPeriod));
-    const double base = rng.Uniform(8.5, 10.0);
+    const double base = rng.Uniform(8.0, 10.5);
     double kx[3], ky[3], ph[3];
     for (int i = 0; i < 3; ++i) {
         const double wl = rng.Uniform(180.0, 400.0);
@@ -591,7 +617,7 @@ MasterPrint GenerateMasterPrint(const MasterRequest& req) {
     m.finger_class = layout.finger_class;
     m.cores = layout.cores;
     m.deltas = layout.deltas;
-    m.orientation = OrientationField(layout, m.width, m.height);
+    m.orientation = OrientationField(layout, req.seed, m.width, m.height);
     m.mean_period = static_cast<float>(PeriodField(req.seed, m.width, m.height, m.period));
 
     const KernelBank bank(m.orientation, m.period);
