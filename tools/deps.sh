@@ -16,6 +16,9 @@ packages=(
   # the Debian packages: building (dpkg-shlibdeps, file) and checking them
   dpkg-dev file lintian
 )
+if [ "${1:-}" = "--measure" ]; then
+  packages+=(libfprint-2-2 gir1.2-fprint-2.0 python3-gi python3-matplotlib)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

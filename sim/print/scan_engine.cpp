@@ -97,6 +97,15 @@ double SkinTexture(Skin skin, uint64_t key, double x, double y, double texture) 
     return 0.15 * fine;
 }
 
+// A uniform draw for a random pose, the fixed value otherwise.
+struct Jitter {
+    Rng& rng;
+    bool random;
+    double operator()(double lo, double hi, double fixed) const {
+        return random ? rng.Uniform(lo, hi) : fixed;
+    }
+};
+
 // How far a crease or scar lifts the skin at a master point: 1 on its line,
 // falling to 0 at its half-width.
 double MarkProfile(const Impression::Mark& mark, Point p) {
@@ -332,10 +341,7 @@ std::shared_ptr<const Impression> ScanEngine::CreateImpression(
 // and upright without a random pose).
 void ScanEngine::PlaceEasy(Impression& imp, Rng& rng) const {
     const MasterPrint& m = *imp.master_;
-    const bool random = imp.params_.random_pose;
-    auto jitter = [&](double lo, double hi, double fixed) {
-        return random ? rng.Uniform(lo, hi) : fixed;
-    };
+    const Jitter jitter{rng, imp.params_.random_pose};
     const int w = config_.width, h = config_.height;
     imp.rotation_ = jitter(-15.0, 15.0, 0.0) * kDeg;
     imp.master_anchor_ = {static_cast<float>(0.5 * m.width + jitter(-15, 15, 0)),
@@ -385,10 +391,7 @@ void ScanEngine::PlaceNatural(Impression& imp, Rng& rng) const {
 // A rolled print: the pattern stays still while the contact strip sweeps.
 void ScanEngine::PlaceRolled(Impression& imp, Rng& rng) const {
     const MasterPrint& m = *imp.master_;
-    const bool random = imp.params_.random_pose;
-    auto jitter = [&](double lo, double hi, double fixed) {
-        return random ? rng.Uniform(lo, hi) : fixed;
-    };
+    const Jitter jitter{rng, imp.params_.random_pose};
     const int w = config_.width, h = config_.height;
     imp.rotation_ = jitter(-4.0, 4.0, 0.0) * kDeg;
     imp.master_anchor_ = {static_cast<float>(0.5 * m.width + jitter(-10, 10, 0)),
@@ -402,7 +405,7 @@ void ScanEngine::PlaceRolled(Impression& imp, Rng& rng) const {
         std::max(0.0, std::min(kPi * finger_radius, w - 2 * imp.strip_half_width_ - 10));
     // The draw is taken whenever the pose is random, so that a fixed
     // direction leaves every other draw of the placement as it was.
-    const bool drawn_right = random && rng.Chance(0.5);
+    const bool drawn_right = jitter.random && rng.Chance(0.5);
     const RollDirection from = imp.params_.roll_from;
     const bool from_right =
         from == RollDirection::Random ? drawn_right : from == RollDirection::FromRight;
