@@ -21,7 +21,8 @@ repeated over the rest of the gallery, so that every pair gets its score.
 
 Usage:
   measure_matcher.py [--fingers N] [--impressions 8] [--jobs 2] [--easy]
-                     [--build build/default] [--out DIR] [--plot FILE.png]
+                     [--build build/default] [--out DIR [--scored]]
+                     [--plot FILE.png] [--json FILE] [--top N]
 """
 import argparse
 import json
@@ -150,10 +151,11 @@ def finger_task(args):
     genuine, impostor = [], []
     try:
         for f in fingers:
-            gallery = [deserialize(m, firsts[g]) for g in sorted(firsts) if g < f]
-            if gallery:
-                scores, _ = m.identify(load(folder, image_name(f, 1)), gallery)
-                impostor += scores
+            lower = [g for g in sorted(firsts) if g < f]
+            if lower:
+                scores, _ = m.identify(load(folder, image_name(f, 1)),
+                                       [deserialize(m, firsts[g]) for g in lower])
+                impostor += [(g, f, s) for g, s in zip(lower, scores)]
             own = [deserialize(m, firsts[f])]
             for k in range(2, impressions + 1):
                 scores, probe = m.identify(load(folder, image_name(f, k)), own)
@@ -215,9 +217,15 @@ def main():
     parser.add_argument("--out", help="database folder (default: a temporary one)")
     parser.add_argument("--plot", help="score distributions as a PNG file")
     parser.add_argument("--json", help="all scores and figures as a JSON file")
+    parser.add_argument("--scored", action="store_true",
+                        help="score the database already in --out instead of rendering it")
+    parser.add_argument("--top", type=int, default=0, metavar="N",
+                        help="list the N highest impostor pairs")
     a = parser.parse_args()
     if a.fingers < 2 or a.impressions < 2 or not 1 <= a.jobs <= 2:
         parser.error("need at least 2 fingers and 2 impressions, and 1 or 2 jobs")
+    if a.scored and not a.out:
+        parser.error("--scored needs --out")
     renderer = os.path.join(a.build, "sim", "print", "kr7sim_database")
     if not os.access(renderer, os.X_OK):
         sys.exit("%s missing: cmake --build %s --target kr7sim_database" % (renderer, a.build))
@@ -226,7 +234,8 @@ def main():
 
     t0 = time.time()
     command = [renderer, folder, str(a.fingers), str(a.impressions)] + (["--easy"] if a.easy else [])
-    print(subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip())
+    if not a.scored:
+        print(subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip())
     for f in range(1, a.fingers + 1):
         for k in range(1, a.impressions + 1):
             w, h, px = load(folder, image_name(f, k))
@@ -248,6 +257,7 @@ def main():
     t2 = time.time()
 
     genuine = [row[3] for row in genuine_rows]
+    impostor_rows, impostor = impostor, [row[2] for row in impostor]
     fnmr, fmr = error_rates(genuine, impostor, THRESHOLD)
     eer, eer_t = equal_error_rate(genuine, impostor)
     report = {
@@ -261,9 +271,11 @@ def main():
         "jobs": a.jobs,
     }
     print(json.dumps(report, indent=2))
+    for g, f, s in sorted(impostor_rows, key=lambda row: -row[2])[:a.top]:
+        print("impostor %d_1 vs %d_1: %d" % (g, f, s))
     if a.json:
         with open(a.json, "w") as f:
-            json.dump(dict(report, genuine_scores=genuine_rows, impostor_scores=impostor), f)
+            json.dump(dict(report, genuine_scores=genuine_rows, impostor_scores=impostor_rows), f)
     if a.plot:
         title = "NBIS on %d fingers x %d impressions%s: FNMR@40 %.1f %%, FMR@40 %.2f %%, EER %.1f %%" % (
             a.fingers, a.impressions, " (easy)" if a.easy else "", 100 * fnmr, 100 * fmr, 100 * eer)
