@@ -31,11 +31,22 @@ constexpr uint64_t kStreamSeeds = 0x5345454453ull;
 constexpr uint64_t kStreamPores = 0x504F524553ull;
 constexpr uint64_t kStreamDefects = 0x444546454354ull;
 constexpr uint64_t kStreamFlow = 0x464C4F57ull;
+constexpr uint64_t kStreamShape = 0x5348415045ull;
+
+// How the flow turns around one singular point: the zero-pole model's angle
+// about the point, a, becomes a + a1 sin(a + p1) + a2 sin(2a + p2). Periodic
+// in a and increasing (|a1| + 2 |a2| < 1), so the point keeps its index;
+// loops become narrow or wide, symmetric or leaning, as real ones are.
+struct TurnShape {
+    double a1 = 0, p1 = 0, a2 = 0, p2 = 0;
+    double Angle(double a) const { return a + a1 * std::sin(a + p1) + a2 * std::sin(2 * a + p2); }
+};
 
 struct Layout {
     FingerClass finger_class;
     std::vector<Point> cores;
     std::vector<Point> deltas;
+    std::vector<TurnShape> core_shapes, delta_shapes;
     // Closed-form arch: ridge lines y = c - A(y) exp(-(x-x0)^2 / 2 s^2).
     double arch_x0 = 0, arch_ym = 0, arch_amp = 0, arch_sx = 1, arch_sy = 1;
 };
@@ -97,10 +108,10 @@ double RawOrientation(const Layout& l, double x, double y) {
     // Zero-pole model evaluated with y pointing up, then mirrored back: a
     // direction angle a (y up) is the angle -a with y down.
     double sum = 0;
-    for (const Point& c : l.cores)
-        sum += std::atan2(-(y - c.y), x - c.x);
-    for (const Point& d : l.deltas)
-        sum -= std::atan2(-(y - d.y), x - d.x);
+    for (size_t i = 0; i < l.cores.size(); ++i)
+        sum += l.core_shapes[i].Angle(std::atan2(-(y - l.cores[i].y), x - l.cores[i].x));
+    for (size_t i = 0; i < l.deltas.size(); ++i)
+        sum -= l.delta_shapes[i].Angle(std::atan2(-(y - l.deltas[i].y), x - l.deltas[i].x));
     return -0.5 * sum;
 }
 
@@ -238,12 +249,26 @@ Layout DrawLayout(const MasterRequest& req, int w, int h) {
     Rng rng(HashWords(req.seed, kStreamLayout));
     const double class_draw = rng.Uniform();
     const FingerClass cls = req.force_class ? req.finger_class : ClassFromUniform(class_draw);
-    return PlaceSingularities(cls, w, h, rng);
+    Layout layout = PlaceSingularities(cls, w, h, rng);
+    Rng shape_rng(HashWords(req.seed, kStreamShape));
+    auto draw_shapes = [&](size_t count) {
+        std::vector<TurnShape> shapes(count);
+        for (TurnShape& s : shapes) {
+            s.a1 = shape_rng.Uniform(-0.45, 0.45);
+            s.p1 = shape_rng.Uniform(0.0, 2 * kPi);
+            s.a2 = shape_rng.Uniform(-0.15, 0.15);
+            s.p2 = shape_rng.Uniform(0.0, 2 * kPi);
+        }
+        return shapes;
+    };
+    layout.core_shapes = draw_shapes(layout.cores.size());
+    layout.delta_shapes = draw_shapes(layout.deltas.size());
+    return layout;
 }
 
 // Real ridge flow departs from the zero-pole model away from the singular
 // points, differently on every finger: a smooth deflection of a few to about
-// fifteen degrees from three long waves. Being continuous, it leaves the
+// twenty-four degrees from three long waves. Being continuous, it leaves the
 // Poincare indices (the class) as they are.
 struct FlowDeflection {
     double kx[3], ky[3], ph[3], amp[3];
@@ -254,7 +279,7 @@ struct FlowDeflection {
             kx[i] = 2 * kPi / wl * std::cos(dir);
             ky[i] = 2 * kPi / wl * std::sin(dir);
             ph[i] = rng.Uniform(0.0, 2 * kPi);
-            amp[i] = rng.Uniform(0.0, 0.10);
+            amp[i] = rng.Uniform(0.0, 0.14);
         }
     }
     double At(double x, double y) const {
