@@ -21,6 +21,9 @@ packages=(
   # (lintian; groff for the manual pages)
   dpkg-dev file lintian groff-base
 )
+if [ "${1:-}" = "--measure" ]; then
+  packages+=(libfprint-2-2 gir1.2-fprint-2.0 python3-gi python3-matplotlib)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

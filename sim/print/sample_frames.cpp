@@ -74,6 +74,7 @@ int main(int argc, char** argv) {
         ImpressionParams p;
         p.finger_seed = seed;
         p.impression = index++;
+        p.variation = Variation::Easy;  // the documented samples: one effect at a time
         p.skin = v.skin;
         p.pressure = v.pressure;
         auto imp = plain.CreateImpression(p);

@@ -26,6 +26,15 @@ constexpr uint64_t kStreamDirt = 0x44495254ull;
 constexpr uint64_t kStreamPose = 0x504F5345ull;
 constexpr uint64_t kStreamSkin = 0x534B494Eull;
 constexpr uint64_t kStreamFrame = 0x4652414Dull;
+constexpr uint64_t kStreamSkinDraw = 0x434F4E44ull;
+constexpr uint64_t kStreamMarks = 0x4D41524Bull;
+
+// The natural mix of placements (sim/print/README.md gives the reasons).
+constexpr double kDryShare = 0.2;
+constexpr double kWetShare = 0.2;
+constexpr double kLightShare = 0.15;
+constexpr double kHardShare = 0.2;
+constexpr double kScarShare = 0.15;
 
 struct SkinModel {
     double threshold_offset;  // added to the contact threshold (dry: only crests)
@@ -67,8 +76,8 @@ double ValueNoise(uint64_t key, double x, double y, double spacing) {
 }
 
 // Skin texture added to the master value at a master point.
-double SkinTexture(Skin skin, uint64_t key, double x, double y) {
-    const double fine = ValueNoise(key, x, y, 3.0) - 0.5;
+double SkinTexture(Skin skin, uint64_t key, double x, double y, double texture) {
+    const double fine = texture * (ValueNoise(key, x, y, 3.0) - 0.5);
     switch (skin) {
         case Skin::Dry: {
             // Patches where the dry skin does not reach the glass.
@@ -86,6 +95,30 @@ double SkinTexture(Skin skin, uint64_t key, double x, double y) {
             break;
     }
     return 0.15 * fine;
+}
+
+// A uniform draw for a random pose, the fixed value otherwise.
+struct Jitter {
+    Rng& rng;
+    bool random;
+    double operator()(double lo, double hi, double fixed) const {
+        return random ? rng.Uniform(lo, hi) : fixed;
+    }
+};
+
+// How far a crease or scar lifts the skin at a master point: 1 on its line,
+// falling to 0 at its half-width.
+double MarkProfile(const Impression::Mark& mark, Point p) {
+    const double ex = mark.b.x - mark.a.x, ey = mark.b.y - mark.a.y;
+    const double px = p.x - mark.a.x, py = p.y - mark.a.y;
+    const double reach = mark.half_width + 1;
+    if (p.x < std::min(mark.a.x, mark.b.x) - reach || p.x > std::max(mark.a.x, mark.b.x) + reach ||
+        p.y < std::min(mark.a.y, mark.b.y) - reach || p.y > std::max(mark.a.y, mark.b.y) + reach)
+        return 0.0;
+    const double t = std::clamp((px * ex + py * ey) / (ex * ex + ey * ey + 1e-9), 0.0, 1.0);
+    const double dx = px - t * ex, dy = py - t * ey;
+    const double r2 = (dx * dx + dy * dy) / (mark.half_width * mark.half_width);
+    return std::max(0.0, 1.0 - r2);
 }
 
 // Fills one row of the contact table for a local pressure q.
@@ -127,7 +160,27 @@ OpticsMaps OpticsMaps::FromSourceIndex(const std::vector<int32_t>& index, int pl
     return maps;
 }
 
+// The elastic part of the skin moved with the drag and twist of the finger;
+// the rigid part did not; the ring between blends the two with a raised
+// cosine. Returns where the platen point lay before the skin was pulled.
+Point Impression::Distortion::SkinPoint(double x, double y) const {
+    const double ux = x - centre.x, uy = y - centre.y;
+    const double e = std::sqrt((ux * ux) / (semi_x * semi_x) + (uy * uy) / (semi_y * semi_y));
+    const double outside = (e - 1.0) * std::min(semi_x, semi_y);
+    if (outside <= 0)
+        return {static_cast<float>(x), static_cast<float>(y)};
+    const double brake = outside >= ring ? 1.0 : 0.5 * (1.0 - std::cos(kPi * outside / ring));
+    const double mx = cos_twist * ux - sin_twist * uy - ux + drag_x;
+    const double my = sin_twist * ux + cos_twist * uy - uy + drag_y;
+    return {static_cast<float>(x - brake * mx), static_cast<float>(y - brake * my)};
+}
+
 Point Impression::PlatenToMaster(float x, float y) const {
+    if (distortion_.on) {
+        const Point s = distortion_.SkinPoint(x, y);
+        x = s.x;
+        y = s.y;
+    }
     double dx = x - platen_anchor_.x + warp_amp_ * std::sin(warp_k1_ * y + warp_p1_);
     double dy = y - platen_anchor_.y + warp_amp_ * std::sin(warp_k2_ * x + warp_p2_);
     const double c = std::cos(rotation_), s = std::sin(rotation_);
@@ -145,7 +198,7 @@ double Impression::PressureAt(uint32_t frame) const {
         return 0.0;  // the roll is over and the finger has left
     }
     const double ramp = Smoothstep((rel + 1) / press);
-    double p = params_.pressure * (0.12 + 0.88 * ramp);
+    double p = pressure_ * (0.12 + 0.88 * ramp);
     if (params_.kind == ImpressionKind::Plain) {
         p *= 1.0 + 0.03 * ramp * std::sin(0.45 * rel + tremor_phase_);  // hand tremor
     }
@@ -242,46 +295,18 @@ std::shared_ptr<const Impression> ScanEngine::CreateImpression(
     req.force_class = params.force_class;
     req.finger_class = params.finger_class;
     imp->master_ = GetMasterPrint(req);
-    const MasterPrint& m = *imp->master_;
 
-    const int w = config_.width, h = config_.height;
+    // How the finger lands. The placement draws come from their own stream,
+    // so that fixing the skin or the pressure leaves the pose as it was.
     Rng rng(HashWords(params.finger_seed, params.impression, kStreamPose));
-    const bool random = params.random_pose;
-    auto jitter = [&](double lo, double hi, double fixed) {
-        return random ? rng.Uniform(lo, hi) : fixed;
-    };
-    if (!rolled) {
-        imp->rotation_ = jitter(-15.0, 15.0, 0.0) * kDeg;
-        imp->master_anchor_ = {static_cast<float>(0.5 * m.width + jitter(-15, 15, 0)),
-                               static_cast<float>(0.5 * m.height + jitter(-15, 15, 0))};
-        imp->platen_anchor_ = {static_cast<float>(0.5 * w + jitter(-20, 20, 0)),
-                               static_cast<float>(0.5 * h + jitter(-20, 20, 0))};
-        imp->semi_x_ = jitter(105, 135, 120);
-        imp->semi_y_ = jitter(165, 205, 185);
-        imp->centre_ = imp->platen_anchor_;
-    } else {
-        imp->rotation_ = jitter(-4.0, 4.0, 0.0) * kDeg;
-        imp->master_anchor_ = {static_cast<float>(0.5 * m.width + jitter(-10, 10, 0)),
-                               static_cast<float>(0.5 * m.height + jitter(-10, 10, 0))};
-        imp->platen_anchor_ = {static_cast<float>(0.5 * w), static_cast<float>(0.5 * h)};
-        imp->strip_half_width_ = jitter(60, 110, 85);
-        imp->strip_height_ = jitter(400, 470, 440);
-        imp->strip_centre_y_ = 0.5 * h + jitter(-10, 10, 0);
-        const double finger_radius = jitter(160, 200, 180);
-        const double travel =
-            std::max(0.0, std::min(kPi * finger_radius, w - 2 * imp->strip_half_width_ - 10));
-        // The draw is taken whenever the pose is random, so that a fixed
-        // direction leaves every other draw of the placement as it was.
-        const bool drawn_right = random && rng.Chance(0.5);
-        const bool from_right = params.roll_from == RollDirection::Random
-                                    ? drawn_right
-                                    : params.roll_from == RollDirection::FromRight;
-        const double dir = from_right ? -1.0 : 1.0;
-        imp->strip_start_ = 0.5 * w - dir * 0.5 * travel;
-        imp->strip_end_ = 0.5 * w + dir * 0.5 * travel;
-        imp->centre_ = {static_cast<float>(0.5 * w), static_cast<float>(imp->strip_centre_y_)};
-    }
-    if (random) {
+    const bool natural = params.variation == Variation::Natural && !rolled;
+    if (rolled)
+        PlaceRolled(*imp, rng);
+    else if (natural && params.random_pose)
+        PlaceNatural(*imp, rng);
+    else
+        PlaceEasy(*imp, rng);
+    if (params.random_pose) {
         imp->warp_amp_ = rng.Uniform(1.5, 3.0);
         imp->warp_k1_ = 2 * kPi / rng.Uniform(250, 400);
         imp->warp_k2_ = 2 * kPi / rng.Uniform(250, 400);
@@ -290,44 +315,174 @@ std::shared_ptr<const Impression> ScanEngine::CreateImpression(
     }
     imp->tremor_phase_ = rng.Uniform(0, 2 * kPi);
 
-    // Resample once into the sensor grid.
+    // What the skin is like today, and what it carries.
+    imp->skin_ = params.skin.value_or(Skin::Normal);
+    imp->pressure_ = params.pressure.value_or(1.0);
+    if (natural) {
+        Rng skin_rng(HashWords(params.finger_seed, params.impression, kStreamSkinDraw));
+        const double kind = skin_rng.Uniform();
+        const Skin skin = kind < kDryShare                ? Skin::Dry
+                          : kind < 1.0 - kWetShare ? Skin::Normal
+                                                          : Skin::Wet;
+        const double touch = skin_rng.Uniform();
+        const double pressure = touch < kLightShare         ? skin_rng.Uniform(0.35, 0.65)
+                                : touch < 1.0 - kHardShare ? skin_rng.Uniform(0.7, 1.25)
+                                                            : skin_rng.Uniform(1.25, 1.7);
+        imp->skin_ = params.skin.value_or(skin);
+        imp->pressure_ = params.pressure.value_or(pressure);
+        imp->texture_ = skin_rng.Uniform(0.08, 0.35);
+        MarkSkin(*imp, skin_rng);
+    }
+    Resample(*imp);
+    return imp;
+}
+
+// A careful user: the finger near the middle, turned a little (or centred
+// and upright without a random pose).
+void ScanEngine::PlaceEasy(Impression& imp, Rng& rng) const {
+    const MasterPrint& m = *imp.master_;
+    const Jitter jitter{rng, imp.params_.random_pose};
+    const int w = config_.width, h = config_.height;
+    imp.rotation_ = jitter(-15.0, 15.0, 0.0) * kDeg;
+    imp.master_anchor_ = {static_cast<float>(0.5 * m.width + jitter(-15, 15, 0)),
+                          static_cast<float>(0.5 * m.height + jitter(-15, 15, 0))};
+    imp.platen_anchor_ = {static_cast<float>(0.5 * w + jitter(-20, 20, 0)),
+                          static_cast<float>(0.5 * h + jitter(-20, 20, 0))};
+    imp.semi_x_ = jitter(105, 135, 120);
+    imp.semi_y_ = jitter(165, 205, 185);
+    imp.centre_ = imp.platen_anchor_;
+}
+
+// A placement as users make them: anywhere within a few millimetres, turned
+// up to 20 degrees, from a fingertip touch to the flat of the finger, and
+// dragged or twisted a little as it presses (ranges: sim/print/README.md).
+void ScanEngine::PlaceNatural(Impression& imp, Rng& rng) const {
+    const MasterPrint& m = *imp.master_;
+    const int w = config_.width, h = config_.height;
+    auto clipped = [&](double sigma, double limit) {
+        return std::clamp(sigma * rng.Normal(), -limit, limit);
+    };
+    imp.rotation_ = clipped(8.0, 20.0) * kDeg;
+    // Which part of the finger lies under the contact centre...
+    imp.master_anchor_ = {static_cast<float>(0.5 * m.width + clipped(25, 60)),
+                          static_cast<float>(0.5 * m.height + clipped(30, 70))};
+    // ...and where on the platen it lands.
+    imp.platen_anchor_ = {static_cast<float>(0.5 * w + clipped(22, 55)),
+                          static_cast<float>(0.5 * h + clipped(28, 70))};
+    imp.semi_x_ = rng.Uniform(95, 140);
+    imp.semi_y_ = rng.Uniform(150, 210);
+    // Tip down or flat: the contact sits off the pattern's anchor.
+    imp.centre_ = {static_cast<float>(imp.platen_anchor_.x + clipped(10, 25)),
+                   static_cast<float>(imp.platen_anchor_.y + clipped(22, 50))};
+
+    Impression::Distortion& d = imp.distortion_;
+    d.on = true;
+    d.centre = imp.centre_;
+    d.semi_x = imp.semi_x_ * rng.Uniform(0.3, 0.5);
+    d.semi_y = imp.semi_y_ * rng.Uniform(0.3, 0.5);
+    d.ring = rng.Uniform(40, 90);
+    d.drag_x = clipped(8, 24);
+    d.drag_y = clipped(8, 24);
+    const double twist = clipped(2.5, 7.0) * kDeg;
+    d.cos_twist = std::cos(twist);
+    d.sin_twist = std::sin(twist);
+}
+
+// A rolled print: the pattern stays still while the contact strip sweeps.
+void ScanEngine::PlaceRolled(Impression& imp, Rng& rng) const {
+    const MasterPrint& m = *imp.master_;
+    const Jitter jitter{rng, imp.params_.random_pose};
+    const int w = config_.width, h = config_.height;
+    imp.rotation_ = jitter(-4.0, 4.0, 0.0) * kDeg;
+    imp.master_anchor_ = {static_cast<float>(0.5 * m.width + jitter(-10, 10, 0)),
+                          static_cast<float>(0.5 * m.height + jitter(-10, 10, 0))};
+    imp.platen_anchor_ = {static_cast<float>(0.5 * w), static_cast<float>(0.5 * h)};
+    imp.strip_half_width_ = jitter(60, 110, 85);
+    imp.strip_height_ = jitter(400, 470, 440);
+    imp.strip_centre_y_ = 0.5 * h + jitter(-10, 10, 0);
+    const double finger_radius = jitter(160, 200, 180);
+    const double travel =
+        std::max(0.0, std::min(kPi * finger_radius, w - 2 * imp.strip_half_width_ - 10));
+    // The draw is taken whenever the pose is random, so that a fixed
+    // direction leaves every other draw of the placement as it was.
+    const bool drawn_right = jitter.random && rng.Chance(0.5);
+    const RollDirection from = imp.params_.roll_from;
+    const bool from_right =
+        from == RollDirection::Random ? drawn_right : from == RollDirection::FromRight;
+    const double dir = from_right ? -1.0 : 1.0;
+    imp.strip_start_ = 0.5 * w - dir * 0.5 * travel;
+    imp.strip_end_ = 0.5 * w + dir * 0.5 * travel;
+    imp.centre_ = {static_cast<float>(0.5 * w), static_cast<float>(imp.strip_centre_y_)};
+}
+
+// Flexion creases and scars belong to the finger (drawn from its seed); how
+// deep they show depends on the placement.
+void ScanEngine::MarkSkin(Impression& imp, Rng& rng) {
+    const MasterPrint& m = *imp.master_;
+    Rng finger(HashWords(imp.params_.finger_seed, kStreamMarks));
+    const int creases = static_cast<int>(finger.Below(4));
+    const bool scar = finger.Chance(kScarShare);
+    for (int i = 0; i < creases + (scar ? 1 : 0); ++i) {
+        const bool is_scar = i == creases;
+        const double cx = m.width * finger.Uniform(0.2, 0.8), cy = m.height * finger.Uniform(0.3, 0.9);
+        const double angle = (is_scar ? finger.Uniform(0, kPi) : 0.35 * finger.Normal());
+        const double half = 0.5 * (is_scar ? finger.Uniform(20, 60) : finger.Uniform(40, 160));
+        Impression::Mark mark;
+        mark.a = {static_cast<float>(cx - half * std::cos(angle)),
+                  static_cast<float>(cy - half * std::sin(angle))};
+        mark.b = {static_cast<float>(cx + half * std::cos(angle)),
+                  static_cast<float>(cy + half * std::sin(angle))};
+        mark.half_width = is_scar ? finger.Uniform(2.0, 4.0) : finger.Uniform(1.0, 2.5);
+        mark.depth = rng.Uniform(0.4, 1.4) * (imp.skin_ == Skin::Dry ? 1.3 : 1.0);
+        imp.marks_.push_back(mark);
+    }
+}
+
+// Resamples the skin into the sensor grid once, with the contact geometry.
+void ScanEngine::Resample(Impression& imp) const {
+    const MasterPrint& m = *imp.master_;
+    const ImpressionParams& params = imp.params_;
+    const bool rolled = params.kind == ImpressionKind::Rolled;
+    const int w = config_.width, h = config_.height;
     const size_t n = static_cast<size_t>(w) * h;
     const uint64_t skin_key = HashWords(params.finger_seed, params.impression, kStreamSkin);
-    imp->ridge_.resize(n);
+    const double texture = imp.texture_ / 0.15;
+    imp.ridge_.resize(n);
     if (rolled) {
-        imp->column_.resize(n);
-        imp->row_term_.resize(n);
+        imp.column_.resize(n);
+        imp.row_term_.resize(n);
     } else {
-        imp->radius2_.resize(n);
+        imp.radius2_.resize(n);
     }
-    const double cr = std::cos(imp->rotation_), sr = std::sin(imp->rotation_);
-    const double half_height = 0.5 * imp->strip_height_;
+    const double cr = std::cos(imp.rotation_), sr = std::sin(imp.rotation_);
+    const double half_height = 0.5 * imp.strip_height_;
     for (int y = 0; y < h; ++y) {
         for (int x = 0; x < w; ++x) {
             const size_t i = static_cast<size_t>(y) * w + x;
             const float px = has_source_map_ ? source_x_[i] : static_cast<float>(x);
             const float py = has_source_map_ ? source_y_[i] : static_cast<float>(y);
-            const Point mp = imp->PlatenToMaster(px, py);
-            const double v =
-                m.SampleRidge(mp.x, mp.y) + SkinTexture(params.skin, skin_key, mp.x, mp.y);
-            imp->ridge_[i] =
+            const Point mp = imp.PlatenToMaster(px, py);
+            double v = m.SampleRidge(mp.x, mp.y) +
+                       SkinTexture(imp.skin_, skin_key, mp.x, mp.y, texture);
+            for (const Impression::Mark& mark : imp.marks_)
+                v -= mark.depth * MarkProfile(mark, mp);
+            imp.ridge_[i] =
                 static_cast<uint8_t>(std::clamp(std::lround(127.5 + 127.5 * v), 0L, 255L));
             if (rolled) {
-                imp->column_[i] =
+                imp.column_[i] =
                     static_cast<uint16_t>(std::clamp(std::lround(px * 4.0), 0L, 4L * w));
-                const double d = (py - imp->strip_centre_y_) / half_height;
-                imp->row_term_[i] =
+                const double d = (py - imp.strip_centre_y_) / half_height;
+                imp.row_term_[i] =
                     static_cast<uint16_t>(std::min(65535.0, d * d * d * d * 4096.0 + 0.5));
             } else {
-                const double ux = px - imp->centre_.x, uy = py - imp->centre_.y;
-                const double a = (cr * ux + sr * uy) / imp->semi_x_;
-                const double b = (-sr * ux + cr * uy) / imp->semi_y_;
-                imp->radius2_[i] =
+                const double ux = px - imp.centre_.x, uy = py - imp.centre_.y;
+                const double a = (cr * ux + sr * uy) / imp.semi_x_;
+                const double b = (-sr * ux + cr * uy) / imp.semi_y_;
+                imp.radius2_[i] =
                     static_cast<uint16_t>(std::min(65535.0, (a * a + b * b) * 4096.0 + 0.5));
             }
         }
     }
-    return imp;
 }
 
 void ScanEngine::RenderEmpty(uint64_t frame_key, int dose, uint8_t* out) const {
@@ -363,7 +518,7 @@ void ScanEngine::Render(const Impression* imp, const FrameRequest& request, uint
     }
 
     // Per-frame contact table.
-    const SkinModel skin = ModelOf(ip.skin);
+    const SkinModel skin = ModelOf(imp->skin_);
     const double scale = config_.empty_level * dose / kNominalDose * 16.0;
     uint16_t table[kBins * kLevels];
     for (int b = 0; b < kBins; ++b) {

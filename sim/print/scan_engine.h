@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "print/master_print.h"
@@ -47,6 +48,10 @@ enum class ImpressionKind : uint8_t { Plain, Rolled };
 // print starts. Random draws it from the placement, as it always did, so
 // existing seeds keep their frames.
 enum class RollDirection : uint8_t { Random, FromLeft, FromRight };
+// How much one placement differs from the next. Natural draws what the
+// caller leaves open from the ranges of real placements; Easy keeps a
+// normal, firm, centred-ish touch that always gives a good image.
+enum class Variation : uint8_t { Natural, Easy };
 
 // One scanner unit: frame size and sensor imperfections.
 struct SensorConfig {
@@ -92,9 +97,18 @@ struct ImpressionParams {
     ImpressionKind kind = ImpressionKind::Plain;
     uint64_t finger_seed = 1;  // selects the master print
     uint32_t impression = 0;   // which placement of that finger (pose, texture)
-    Skin skin = Skin::Normal;
-    double pressure = 1.0;     // peak pressure: 0.3 light touch, 1 normal, 1.6 hard
-    bool random_pose = true;   // false: centred, upright, no warp
+    // Skin and peak pressure (0.3 light touch, 1 normal, 1.6 hard). Left
+    // unset, a natural plain placement draws them from the mix of real
+    // placements; otherwise (easy, rolled) they are normal and 1.
+    std::optional<Skin> skin;
+    std::optional<double> pressure;
+    bool random_pose = true;  // false: centred, upright, no warp or distortion
+    // Natural plain placements: several millimetres of translation, up to 20
+    // degrees of rotation, plastic distortion, light to hard contact, skin
+    // condition, creases and scars. Easy: the mild placement of a careful
+    // user (small shift and rotation, a gentle warp). Rolled prints always
+    // take the easy pose.
+    Variation variation = Variation::Natural;
     bool force_class = false;  // passed to the master request
     FingerClass finger_class = FingerClass::LeftLoop;
 
@@ -113,6 +127,7 @@ struct FrameRequest {
 };
 
 class ScanEngine;
+class Rng;
 
 // One placement of one finger, resampled into the unit's sensor grid.
 // Immutable after creation; may be shared between threads.
@@ -126,6 +141,9 @@ public:
     // coordinates): orientation on the platen = orientation in master + angle.
     Point PlatenToMaster(float x, float y) const;
     double rotation() const { return rotation_; }
+    // Skin and peak pressure of this placement (given or drawn).
+    Skin skin() const { return skin_; }
+    double pressure() const { return pressure_; }
 
     // Contact state at a frame. Pressure 0 means the platen is free.
     double PressureAt(uint32_t frame) const;
@@ -138,6 +156,24 @@ public:
     double StripHalfWidthAt(uint32_t frame) const;
     double strip_height() const { return strip_height_; }
 
+    // Plastic distortion of the skin (the model of Cappelli, Maio and
+    // Maltoni): a rigid region around the centre of contact, a transition
+    // ring, and an elastic outer part that follows the drag and twist of the
+    // finger in full.
+    struct Distortion {
+        bool on = false;
+        Point centre;
+        double semi_x = 1, semi_y = 1, ring = 1;
+        double drag_x = 0, drag_y = 0, cos_twist = 1, sin_twist = 0;
+        Point SkinPoint(double x, double y) const;  // platen point -> undistorted point
+    };
+    // A crease or scar on the skin: a segment in master coordinates where the
+    // skin stays off the glass.
+    struct Mark {
+        Point a, b;
+        double half_width = 1, depth = 0;
+    };
+
 private:
     friend class ScanEngine;
     Impression() = default;
@@ -145,6 +181,11 @@ private:
 
     ImpressionParams params_;
     std::shared_ptr<const MasterPrint> master_;
+    Skin skin_ = Skin::Normal;
+    double pressure_ = 1.0;
+    double texture_ = 0.15;  // amplitude of the fine skin texture
+    Distortion distortion_;
+    std::vector<Mark> marks_;
     double rotation_ = 0;
     Point platen_anchor_, master_anchor_;
     double warp_amp_ = 0, warp_k1_ = 0, warp_k2_ = 0, warp_p1_ = 0, warp_p2_ = 0;
@@ -181,6 +222,14 @@ public:
     void Render(const Impression* impression, const FrameRequest& request, uint8_t* out) const;
 
 private:
+    // Steps of an impression, in the order the finger meets the glass: where
+    // and how it lands (pose, contact, pressure, skin, distortion), what its
+    // skin carries (creases, scars), and the resampling into the sensor grid.
+    void PlaceEasy(Impression& imp, Rng& rng) const;
+    void PlaceNatural(Impression& imp, Rng& rng) const;
+    void PlaceRolled(Impression& imp, Rng& rng) const;
+    static void MarkSkin(Impression& imp, Rng& rng);
+    void Resample(Impression& imp) const;
     void RenderEmpty(uint64_t frame_key, int dose, uint8_t* out) const;
 
     SensorConfig config_;

@@ -152,7 +152,8 @@ private:
     uint32_t repeats_ = 1;
 };
 
-const std::vector<std::string> kFingerOptions = {"finger", "pressure", "skin", "press", "pose"};
+const std::vector<std::string> kFingerOptions = {"finger", "pressure", "skin",
+                                                 "press",  "pose",     "variation"};
 const std::vector<std::string> kRollOptions = {"finger", "pressure", "skin", "press",
                                                "over",   "pose",     "from"};
 
@@ -232,7 +233,9 @@ bool Compiler::FingerOptions(const Step& step, FingerSpec& finger, std::string& 
         if (key == "finger") {
             ok = ParseUnsigned(value, p.finger_seed);
         } else if (key == "pressure") {
-            ok = ParseNumber(value, p.pressure) && p.pressure >= 0.1 && p.pressure <= 3.0;
+            double pressure = 0;
+            ok = ParseNumber(value, pressure) && pressure >= 0.1 && pressure <= 3.0;
+            p.pressure = pressure;
         } else if (key == "skin") {
             const std::string v = Lower(value);
             ok = v == "dry" || v == "normal" || v == "wet";
@@ -245,6 +248,10 @@ bool Compiler::FingerOptions(const Step& step, FingerSpec& finger, std::string& 
             const std::string v = Lower(value);
             ok = v == "random" || v == "centred" || v == "centered";
             p.random_pose = v == "random";
+        } else if (key == "variation") {
+            const std::string v = Lower(value);
+            ok = v == "natural" || v == "easy";
+            p.variation = v == "easy" ? Variation::Easy : Variation::Natural;
         } else if (key == "from") {
             const std::string v = Lower(value);
             ok = v == "left" || v == "right";

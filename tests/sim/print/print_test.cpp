@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -75,6 +76,7 @@ ImpressionParams LeftLoop(uint32_t impression) {
     p.impression = impression;
     p.force_class = true;
     p.finger_class = FingerClass::LeftLoop;
+    p.variation = Variation::Easy;  // one effect at a time
     return p;
 }
 
@@ -180,6 +182,47 @@ TEST(ScanEngine, PressureAndSkinChangeTheRidges) {
     EXPECT_GT(Mean(Render(e, e.CreateImpression(p).get(), 20)), Mean(full) + 10);
     p.skin = Skin::Wet;
     EXPECT_LT(Mean(Render(e, e.CreateImpression(p).get(), 20)), Mean(full) - 10);
+}
+
+// Natural placements differ the way real ones do, and what the caller fixes
+// stays fixed without moving anything else.
+TEST(ScanEngine, NaturalPlacementsVaryAndFixedValuesHold) {
+    const ScanEngine& e = Unit();
+    ImpressionParams p = LeftLoop(0);
+    p.variation = Variation::Natural;
+    std::set<Skin> skins;
+    double min_pressure = 9, max_pressure = 0, max_rotation = 0, max_shear = 0;
+    for (uint32_t k = 0; k < 24; ++k) {
+        p.impression = k;
+        const auto imp = e.CreateImpression(p);
+        skins.insert(imp->skin());
+        min_pressure = std::min(min_pressure, imp->pressure());
+        max_pressure = std::max(max_pressure, imp->pressure());
+        max_rotation = std::max(max_rotation, std::fabs(imp->rotation()));
+        // Plastic distortion: the rim of the contact moves against its centre
+        // by more than the rigid pose explains.
+        const Point c = imp->contact_centre();
+        const Point m0 = imp->PlatenToMaster(c.x, c.y);
+        const Point m1 = imp->PlatenToMaster(c.x + 110, c.y);
+        const double rim = std::hypot(m1.x - m0.x, m1.y - m0.y);
+        max_shear = std::max(max_shear, std::fabs(rim - 110));
+    }
+    EXPECT_EQ(skins.size(), 3u);
+    EXPECT_LT(min_pressure, 0.7);
+    EXPECT_GT(max_pressure, 1.25);
+    EXPECT_GT(max_rotation, 10 * fpa::kPi / 180);
+    EXPECT_GT(max_shear, 5.0);
+
+    p.impression = 5;
+    const auto drawn = e.CreateImpression(p);
+    EXPECT_EQ(Render(e, drawn.get(), 20), Render(e, e.CreateImpression(p).get(), 20));
+    p.skin = Skin::Wet;
+    p.pressure = 0.5;
+    const auto fixed = e.CreateImpression(p);
+    EXPECT_EQ(fixed->skin(), Skin::Wet);
+    EXPECT_EQ(fixed->pressure(), 0.5);
+    EXPECT_EQ(fixed->rotation(), drawn->rotation());
+    EXPECT_EQ(fixed->PlatenToMaster(30, 40).x, drawn->PlatenToMaster(30, 40).x);
 }
 
 TEST(ScanEngine, RolledStripSweepsFromTheChosenSideAcrossAStillPattern) {
