@@ -44,6 +44,28 @@ bool Error::LibraryMissing() const {
     return Number() == vc::FGERR_LIBRARY_NOT_LOADED && m_strText.find(".so") != std::string::npos;
 }
 
+unsigned int ErrorNumberOf(const std::string& text) {
+    // The texts the plug-in gives these numbers, word for word.
+    static const struct {
+        const char* text;
+        unsigned int number;
+    } kTexts[] = {
+        {"The scanner is disconnected.", vc::FGERR_DISCONNECTED},
+        {"The calibration data is corrupt.", vc::FGERR_CALIBRATION_CORRUPT},
+        {"The QV2 API version isn't more supported", vc::FGERR_API_VERSION_NOT_SUPPORTED},
+        {"Not enough storage is available to complete this operation", vc::FGERR_OUT_OF_MEMORY},
+        {"The user canceled the action", vc::FGERR_USER_CANCELED},
+        {"The hardware is incompatible", vc::FGERR_HARDWARE_INCOMPATIBLE},
+        {"The firmware is incompatible", vc::FGERR_FIRMWARE_INCOMPATIBLE},
+    };
+    for (const auto& known : kTexts) {
+        if (text == known.text) {
+            return known.number;
+        }
+    }
+    return 0;
+}
+
 LoadError::LoadError(Kind kind, const std::string& file, const std::string& reason)
     : std::runtime_error(Describe(kind, file, reason)),
       m_eKind(kind),

@@ -29,6 +29,13 @@ private:
     std::string m_strText;
 };
 
+// The error number behind one of the plug-in's fixed error texts ("The
+// scanner is disconnected." is 31, vc::FGERR_DISCONNECTED), for a failure
+// the plug-in reports by text alone, as its capture's error callback does;
+// 0 for any other text (a scanner's own failure, "Capture frame failed.",
+// carries the scanner's number, which the text does not tell).
+unsigned int ErrorNumberOf(const std::string& text);
+
 // A file could not be loaded: the plug-in itself, a file that is no
 // frame-grabber plug-in, or one of the virtual scanner's libraries.
 class LoadError : public std::runtime_error {

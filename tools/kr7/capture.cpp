@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "kr7host/capture.h"
-#include "quality.h"
+#include "kr7host/placements.h"
+#include "kr7host/quality.h"
 #include "sheet.h"
 
 namespace kr7 {
@@ -27,11 +28,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using kr7host::Image;
-
-bool IsFingerMode(vc::eCaptureModeIDs mode) {
-    return mode == vc::eCapturePlainFinger || mode == vc::eCaptureFastPlainFinger ||
-           mode == vc::eCaptureRolledFinger;
-}
+using kr7host::IsFingerMode;
+using kr7host::Placements;
+using kr7host::Shot;
 
 double Seconds(Clock::duration duration) {
     return std::chrono::duration<double>(duration).count();
@@ -75,97 +74,32 @@ const char* StopName(Stop stop) {
     return "running";
 }
 
-struct Shot {
-    Image image;
-    Quality quality;
-    std::int64_t frame = 0;  // the plug-in's frames before it
-};
-
 Shot Measured(Image&& image, std::int64_t frame) {
     Shot shot;
-    shot.quality = Measure(image);
+    shot.quality = kr7host::Measure(image);
     shot.image = std::move(image);
     shot.frame = frame < 0 ? 0 : frame;
     return shot;
 }
 
-// Which images of a capture become files. Live and preview frames all do,
-// up to the number wanted. In the finger modes the detector reports a
-// result on every frame while a finger lies still: of each placement only
-// the darkest result is kept, handed on when the finger has gone (a rolled
-// print is complete in one result).
-class Placements {
-public:
-    Placements(vc::eCaptureModeIDs mode, int wanted) : m_eMode(mode), m_nWanted(wanted) {}
-
-    void Frame(Shot&& shot) {
-        m_bFinger = shot.quality.area >= kFingerArea;
-        if (!IsFingerMode(m_eMode)) {
-            Hand(std::move(shot));
-        } else if (m_eMode != vc::eCaptureRolledFinger && m_Best && !m_bFinger &&
-                   m_nLastResultFrame < shot.frame - 1) {
-            // No result on the previous frame and no finger on this one.
-            Close();
-        }
+// What a person at a terminal is asked to do.
+const char* Prompt(vc::eCaptureModeIDs mode, const Placements& placements) {
+    switch (mode) {
+        case vc::eCaptureRolledFinger:
+            return placements.LastResult() != Clock::time_point() &&
+                           Clock::now() - placements.LastResult() < std::chrono::milliseconds(1500)
+                       ? "Lift the finger"
+                       : "Roll the finger from one nail edge to the other";
+        case vc::eCapturePlainFinger:
+        case vc::eCaptureFastPlainFinger:
+            if (!placements.Finger()) {
+                return "Place a finger on the platen";
+            }
+            return placements.Open() ? "Lift the finger" : "Hold the finger still";
+        default:
+            return "Taking frames";
     }
-
-    void Result(Shot&& shot) {
-        m_nLastResultFrame = shot.frame;
-        m_LastResult = Clock::now();
-        if (m_eMode == vc::eCaptureRolledFinger) {
-            Hand(std::move(shot));
-        } else if (!m_Best || shot.quality.mean < m_Best->quality.mean) {
-            m_Best = std::move(shot);
-        }
-    }
-
-    // The placement still open when the capture has ended.
-    void Close() {
-        if (m_Best) {
-            Hand(std::move(*m_Best));
-            m_Best.reset();
-        }
-    }
-
-    std::vector<Shot> TakeReady() { return std::exchange(m_vReady, {}); }
-
-    // What a person at a terminal is asked to do.
-    const char* Prompt() const {
-        switch (m_eMode) {
-            case vc::eCaptureRolledFinger:
-                return m_LastResult != Clock::time_point() &&
-                               Clock::now() - m_LastResult < std::chrono::milliseconds(1500)
-                           ? "Lift the finger"
-                           : "Roll the finger from one nail edge to the other";
-            case vc::eCapturePlainFinger:
-            case vc::eCaptureFastPlainFinger:
-                if (!m_bFinger) {
-                    return "Place a finger on the platen";
-                }
-                return m_Best ? "Lift the finger" : "Hold the finger still";
-            default:
-                return "Taking frames";
-        }
-    }
-    bool Finger() const { return m_bFinger; }
-
-private:
-    void Hand(Shot&& shot) {
-        if (m_nHanded < m_nWanted) {
-            ++m_nHanded;
-            m_vReady.push_back(std::move(shot));
-        }
-    }
-
-    const vc::eCaptureModeIDs m_eMode;
-    const int m_nWanted;
-    int m_nHanded = 0;
-    bool m_bFinger = false;
-    std::optional<Shot> m_Best;  // of the placement on the platen
-    std::int64_t m_nLastResultFrame = -2;
-    Clock::time_point m_LastResult;
-    std::vector<Shot> m_vReady;
-};
+}
 
 struct Written {
     int number;
@@ -434,7 +368,8 @@ void Run::DrawStatus() {
     }
     std::fprintf(stderr, "\r\033[K%s  %d frames  %.1f/s  finger %s  %ss %d/%d   %s",
                  ModeName(m_Options.mode), frames, m_dRate, m_Placements.Finger() ? "yes" : "no ",
-                 m_Noun, static_cast<int>(m_vWritten.size()), m_nWanted, m_Placements.Prompt());
+                 m_Noun, static_cast<int>(m_vWritten.size()), m_nWanted,
+                 Prompt(m_Options.mode, m_Placements));
     std::fflush(stderr);
 }
 

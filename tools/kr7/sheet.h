@@ -6,9 +6,11 @@
 #include <vector>
 
 #include "kr7host/image.h"
-#include "quality.h"
+#include "kr7host/quality.h"
 
 namespace kr7 {
+
+using kr7host::Quality;
 
 struct SheetEntry {
     int number = 0;
