@@ -11,6 +11,10 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # kr7 and kr7host: PNG files, the command line, JSON
   libpng-dev libcli11-dev nlohmann-json3-dev
+  # kr7src, the GStreamer element: building it, its tests (appsink, the
+  # check library) and the README's gst-inspect/gst-launch commands (pngenc)
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-good gstreamer1.0-tools
   # the second compiler, its sanitizer and fuzzer runtimes
   clang libclang-rt-14-dev
   # the Debian packages: building (dpkg-shlibdeps, file) and checking them
