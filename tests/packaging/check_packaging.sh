@@ -2,8 +2,9 @@
 # The plug-in as a host developer gets it: `cmake --install` into a staging
 # prefix, the example host built against that both ways (CMake package and
 # pkg-config) and run on the installed virtual scanner; then the Debian
-# packages: what lands in which, their relations, the example and kr7 run
-# from the packages unpacked at another root, and lintian when installed.
+# packages: what lands in which, their relations, the example, kr7 and (when
+# GStreamer's development files were there) kr7src run from the packages
+# unpacked at another root, and lintian when installed.
 # Usage: check_packaging.sh BUILD SOURCE CXX VERSION LIBDIR BINDIR INCLUDEDIR [SANITIZE]
 # Exits 77 (skipped) in sanitizer builds, whose libraries need the
 # sanitizer's runtime in the host.
@@ -18,6 +19,9 @@ for tool in pkg-config dpkg-deb dpkg-shlibdeps make; do
 done
 
 work=$build/tests/packaging_check
+# kr7src and its package come with the build when GStreamer was found.
+gstreamer=no
+[ -f "$build/gst/libgstkr7.so" ] && gstreamer=yes
 rm -rf "$work"
 mkdir -p "$work"
 failures=0
@@ -77,7 +81,10 @@ $libdir/norvakkr7fg/sim/libnorvakcalibratesdk.so
 $libdir/norvakkr7fg/sim/libnorvaklf.so
 LIST
 )
-same_lines "cmake --install installs exactly the plug-in, header, host files, kr7 and stand-ins" \
+if [ $gstreamer = yes ]; then
+    expected=$(printf '%s\n%s\n' "$expected" "$libdir/gstreamer-1.0/libgstkr7.so" | sort)
+fi
+same_lines "cmake --install installs exactly the plug-in, header, host files, kr7, stand-ins and kr7src" \
     "$expected" "$installed"
 [ "$(PKG_CONFIG_PATH=$stage/$libdir/pkgconfig pkg-config --modversion norvakkr7fg)" = "$version" ] ||
     fail "pkg-config --modversion is not $version"
@@ -109,6 +116,9 @@ usr/$deb_libdir/cmake/norvakkr7fg/norvakkr7fgConfigVersion.cmake"
     [kr7-sim]="usr/$deb_libdir/norvakkr7fg/sim/libQV2ScanAPI.so
 usr/$deb_libdir/norvakkr7fg/sim/libnorvakcalibratesdk.so
 usr/$deb_libdir/norvakkr7fg/sim/libnorvaklf.so")
+if [ $gstreamer = yes ]; then
+    contents[gstreamer1.0-kr7]="usr/$deb_libdir/gstreamer-1.0/libgstkr7.so"
+fi
 root=$work/root
 for package in "${!contents[@]}"; do
     deb=$debs/${package}_${version}_$arch.deb
@@ -131,6 +141,14 @@ for dependency in libnorvakkr7fg1 libpng16-16 libc6; do
     grep -q "$dependency" <<<"$tools_depends" || fail "kr7-tools does not depend on $dependency"
 done
 grep -q kr7-tools <<<"$(field kr7-sim Enhances)" || fail "kr7-sim does not enhance kr7-tools"
+if [ $gstreamer = yes ]; then
+    gst_depends=$(field gstreamer1.0-kr7 Depends)
+    for dependency in "libnorvakkr7fg1 (= $version)" libgstreamer1.0-0 \
+        libgstreamer-plugins-base1.0-0; do
+        grep -qF "$dependency" <<<"$gst_depends" ||
+            fail "gstreamer1.0-kr7 does not depend on $dependency"
+    done
+fi
 shlibs=$(dpkg-deb --ctrl-tarfile "$debs/libnorvakkr7fg1_${version}_$arch.deb" 2>/dev/null |
     tar -xOf - ./shlibs 2>/dev/null || true)
 [ "$shlibs" = "libnorvakkr7fg 1 libnorvakkr7fg1 (>= $version)" ] ||
@@ -152,6 +170,21 @@ if ! list=$(LD_DEBUG=files "$root/usr/$bindir/kr7" --virtual \
 fi
 grep -q "file=$sim/libQV2ScanAPI.so " "$work/kr7.log" ||
     fail "kr7 from the unpacked packages did not take the stand-ins in $sim"
+
+# kr7src from the unpacked packages: GStreamer finds it in the plug-in folder
+# it was installed to, and with virtual=true it takes the stand-ins installed
+# beside that folder (the loader's log says which files it opened).
+if [ $gstreamer = yes ] && command -v gst-launch-1.0 >/dev/null; then
+    if ! GST_PLUGIN_PATH=$root/usr/$deb_libdir/gstreamer-1.0 GST_REGISTRY=$work/registry.bin \
+        LD_DEBUG=files timeout 120 gst-launch-1.0 -q kr7src virtual=true \
+        plugin="$root/usr/$deb_libdir/libnorvakkr7fg.so.1" num-buffers=3 ! fakesink \
+        >"$work/gst.log" 2>&1; then
+        fail "gst-launch-1.0 kr7src from the unpacked packages"
+        grep -v "^ *[0-9]*:" "$work/gst.log" | sed 's/^/  /'
+    fi
+    grep -q "file=$sim/libQV2ScanAPI.so " "$work/gst.log" ||
+        fail "kr7src from the unpacked packages did not take the stand-ins in $sim"
+fi
 
 if command -v lintian >/dev/null; then
     if ! lintian --fail-on error "$debs"/*.deb >"$work/lintian.log" 2>&1; then
