@@ -53,6 +53,9 @@ constexpr Known kKnownTexts[] = {
     {vc::FGERR_CALIBRATION_CORRUPT, "The calibration data is corrupt."},
     {vc::FGERR_API_VERSION_NOT_SUPPORTED, "The QV2 API version isn't more supported"},
     {vc::FGERR_OUT_OF_MEMORY, "Not enough storage is available to complete this operation"},
+    {vc::FGERR_USER_CANCELED, "The user canceled the action"},
+    {vc::FGERR_HARDWARE_INCOMPATIBLE, "The hardware is incompatible"},
+    {vc::FGERR_FIRMWARE_INCOMPATIBLE, "The firmware is incompatible"},
 };
 
 }  // namespace

@@ -79,16 +79,33 @@ std::string VirtualScannerFolder() {
 }
 
 std::string DefaultPlugin(bool virtualScanner) {
+    return DefaultPlugin(virtualScanner, ProgramFolder());
+}
+
+std::string DefaultPlugin(bool virtualScanner, const std::string& folder) {
 #if defined(KR7_BUILD_PLUGIN) && defined(KR7_BUILD_DIR)
     const std::string tree = KR7_BUILD_DIR "/";
-    if (virtualScanner && ProgramFolder().compare(0, tree.size(), tree) == 0 &&
+    if (virtualScanner && (folder + "/").compare(0, tree.size(), tree) == 0 &&
         IsFile(KR7_BUILD_PLUGIN)) {
         return KR7_BUILD_PLUGIN;
     }
 #else
     (void)virtualScanner;
+    (void)folder;
 #endif
     return kPluginName;
+}
+
+std::string FolderOf(const void* address) {
+    Dl_info info;
+    if (dladdr(address, &info) == 0 || info.dli_fname == nullptr) {
+        return "";
+    }
+    char* full = realpath(info.dli_fname, nullptr);
+    const std::string file = full != nullptr ? full : info.dli_fname;
+    std::free(full);
+    const std::size_t slash = file.rfind('/');
+    return slash == std::string::npos ? "." : file.substr(0, slash);
 }
 
 // ---- the files ----------------------------------------------------------------

@@ -2,33 +2,73 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <utility>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace kr7host {
 
-Quality Measure(const Image& image) {
+namespace {
+
+// The sum of `count` bytes; 16 at a time with SSE2 (a result is summed on
+// every frame while a finger lies still).
+unsigned long long SumBytes(const std::uint8_t* bytes, int count) {
+    unsigned long long sum = 0;
+    int at = 0;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    __m128i sums = zero;
+    for (; at + 16 <= count; at += 16) {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + at));
+        sums = _mm_add_epi64(sums, _mm_sad_epu8(block, zero));
+    }
+    sum = static_cast<unsigned long long>(_mm_cvtsi128_si64(sums)) +
+          static_cast<unsigned long long>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
+#endif
+    for (; at < count; ++at) {
+        sum += bytes[at];
+    }
+    return sum;
+}
+
+// `row(y)` gives row y, counted from the top, of a grey image.
+template <class Row>
+unsigned long long TotalOfRows(int width, int height, Row row) {
+    unsigned long long total = 0;
+    for (int y = 0; y < height; ++y) {
+        total += SumBytes(row(y), width);
+    }
+    return total;
+}
+
+double MeanOf(unsigned long long total, int width, int height) {
+    return static_cast<double>(total) / (static_cast<double>(width) * static_cast<double>(height));
+}
+
+template <class Row>
+Quality MeasureRows(int width, int height, Row row) {
     constexpr int kTile = 16;
     // A tile belongs to the finger when its grey levels spread this far
     // (standard deviation); the bare platen stays within a few levels.
     constexpr double kFingerSpread = 12.0;
     Quality quality;
-    if (image.Empty()) {
+    if (width <= 0 || height <= 0) {
         return quality;
     }
-    unsigned long long total = 0;
-    for (std::uint8_t p : image.pixels) {
-        total += p;
-    }
-    quality.mean = static_cast<double>(total) / static_cast<double>(image.pixels.size());
+    quality.mean = MeanOf(TotalOfRows(width, height, row), width, height);
 
     int tiles = 0, covered = 0;
     double contrast = 0;
-    for (int top = 0; top + kTile <= image.height; top += kTile) {
-        for (int left = 0; left + kTile <= image.width; left += kTile) {
+    for (int top = 0; top + kTile <= height; top += kTile) {
+        for (int left = 0; left + kTile <= width; left += kTile) {
             double sum = 0, squares = 0;
             for (int y = top; y < top + kTile; ++y) {
-                for (int x = left; x < left + kTile; ++x) {
-                    const double p = image.At(x, y);
+                const std::uint8_t* line = row(y) + left;
+                for (int x = 0; x < kTile; ++x) {
+                    const double p = line[x];
                     sum += p;
                     squares += p * p;
                 }
@@ -45,8 +85,9 @@ Quality Measure(const Image& image) {
             double ridges = 0, valleys = 0;
             int ridgeCount = 0;
             for (int y = top; y < top + kTile; ++y) {
-                for (int x = left; x < left + kTile; ++x) {
-                    const double p = image.At(x, y);
+                const std::uint8_t* line = row(y) + left;
+                for (int x = 0; x < kTile; ++x) {
+                    const double p = line[x];
                     if (p < mean) {
                         ridges += p;
                         ++ridgeCount;
@@ -68,6 +109,36 @@ Quality Measure(const Image& image) {
         quality.contrast = contrast / covered;
     }
     return quality;
+}
+
+}  // namespace
+
+Quality Measure(const Image& image) {
+    if (image.Empty()) {
+        return Quality();
+    }
+    return MeasureRows(image.width, image.height, [&image](int y) { return image.Row(y); });
+}
+
+double MeanGrey(const BitmapView& view) {
+    if (!view.Valid()) {
+        return Quality().mean;
+    }
+    if (!view.GreyRamp()) {
+        return Measure(Image(view)).mean;
+    }
+    return MeanOf(TotalOfRows(view.Width(), view.Height(), [&view](int y) { return view.Row(y); }),
+                  view.Width(), view.Height());
+}
+
+Quality Measure(const BitmapView& view) {
+    if (!view.Valid()) {
+        return Quality();
+    }
+    if (!view.GreyRamp()) {
+        return Measure(Image(view));
+    }
+    return MeasureRows(view.Width(), view.Height(), [&view](int y) { return view.Row(y); });
 }
 
 bool IsFingerMode(vc::eCaptureModeIDs mode) {
@@ -99,9 +170,23 @@ void Placements::Result(Shot&& shot) {
     m_LastResult = Clock::now();
     if (m_eMode == vc::eCaptureRolledFinger) {
         Hand(std::move(shot));
-    } else if (!m_Best || shot.quality.mean < m_Best->quality.mean) {
+    } else if (Keeps(shot.quality)) {
+        if (m_Best) {
+            m_Spare = std::move(m_Best->image);
+        }
         m_Best = std::move(shot);
+    } else if (!shot.image.Empty()) {
+        m_Spare = std::move(shot.image);
     }
+}
+
+bool Placements::Keeps(const Quality& quality) const {
+    return m_eMode == vc::eCaptureRolledFinger || !m_Best || quality.mean < m_Best->quality.mean;
+}
+
+bool Placements::NeedsQuality(std::int64_t frame) const {
+    return IsFingerMode(m_eMode) && m_eMode != vc::eCaptureRolledFinger && m_Best &&
+           m_nLastResultFrame < frame - 1;
 }
 
 void Placements::Close() {

@@ -13,6 +13,10 @@ packages=(
   libpng-dev libcli11-dev nlohmann-json3-dev
   # the kr7 Python module for the system's python3, and its tests
   pybind11-dev python3-dev python3-numpy python3-pytest
+  # kr7src, the GStreamer element: building it, its tests (appsink, the
+  # check library) and the README's gst-inspect/gst-launch commands (pngenc)
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-good gstreamer1.0-tools
   # the second compiler, its sanitizer and fuzzer runtimes
   clang libclang-rt-14-dev
   # kr7-viewer and its tests (Qt 6 Widgets, QtTest; fonts for the offscreen platform)

@@ -45,6 +45,14 @@ std::string VirtualScannerFolder();
 // program inside the build tree, the plug-in built there; otherwise the
 // installed one (kPluginName).
 std::string DefaultPlugin(bool virtualScanner);
+// The same for code whose file lies in `folder` (a library such as kr7src,
+// loaded into a program from anywhere): the build tree's plug-in when that
+// folder is inside the build tree.
+std::string DefaultPlugin(bool virtualScanner, const std::string& folder);
+
+// The folder of the file (program or library) holding `address`, a
+// function or object of that file; empty when the loader does not know.
+std::string FolderOf(const void* address);
 
 // The loaded files. The destructor unloads them, the plug-in first.
 class Library {

@@ -7,7 +7,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include <norvakkr7fg/framegrabber.h>
@@ -23,6 +25,13 @@ struct Quality {
 };
 
 Quality Measure(const Image& image);
+// The same figures of a block read in place, without a copy (a view whose
+// colour table is not the grey ramp is copied first).
+Quality Measure(const BitmapView& view);
+
+// The mean grey level alone (Quality::mean, to the last bit), in one pass
+// over the rows: what picks the darkest result of a placement.
+double MeanGrey(const BitmapView& view);
 
 // A finger is on the platen when this share of it is covered.
 constexpr double kFingerArea = 0.05;
@@ -35,6 +44,10 @@ struct Shot {
     Image image;
     Quality quality;
     std::int64_t frame = 0;  // the plug-in's frames before it
+    // The host's own, carried along untouched (kr7src: the arrival time and
+    // its count of the scanner's frames).
+    std::uint64_t time = 0;
+    std::int64_t index = 0;
 };
 
 // Measures `image` and keeps it in the shot; a negative frame counts as 0.
@@ -49,12 +62,25 @@ class Placements {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Placements(vc::eCaptureModeIDs mode, int wanted) : m_eMode(mode), m_nWanted(wanted) {}
+    explicit Placements(vc::eCaptureModeIDs mode, int wanted = std::numeric_limits<int>::max())
+        : m_eMode(mode), m_nWanted(wanted) {}
 
     // A live frame. In the finger modes only its quality and frame number
-    // count (the image may be left empty).
+    // count (the image may be left empty), the quality only while
+    // NeedsQuality says so.
     void Frame(Shot&& shot);
+    // A result of the detector. Every result must come here; its image is
+    // kept only when Keeps says so (it may be left empty otherwise).
     void Result(Shot&& shot);
+    // Whether a result of this quality would be kept: a host copies the
+    // image only then. Only its mean is looked at.
+    bool Keeps(const Quality& quality) const;
+    // Whether Frame looks at the quality of frame `frame`: only while a
+    // placement is open and the frame before brought no result.
+    bool NeedsQuality(std::int64_t frame) const;
+    // The image of a result that was not kept, or of a best result that a
+    // darker one replaced: its buffer, for the next result's copy.
+    Image TakeSpare() { return std::exchange(m_Spare, {}); }
     // The placement still open when the capture has ended.
     void Close();
 
@@ -69,6 +95,11 @@ public:
     // The finger on the platen has given a result (plain modes), or a roll
     // ended moments ago.
     bool Taken() const;
+    // A placement's best result is held, to be handed on when the finger
+    // has gone.
+    bool Open() const { return m_Best.has_value(); }
+    // When the last result came; the clock's epoch before the first.
+    Clock::time_point LastResult() const { return m_LastResult; }
 
 private:
     void Hand(Shot&& shot);
@@ -81,6 +112,7 @@ private:
     std::int64_t m_nLastResultFrame = -2;
     Clock::time_point m_LastResult;
     std::vector<Shot> m_vReady;
+    Image m_Spare;
 };
 
 }  // namespace kr7host

@@ -16,8 +16,11 @@
 #include <vector>
 
 #include "kr7host/capture.h"
+#include "kr7host/error.h"
 #include "kr7host/image.h"
+#include "kr7host/quality.h"
 #include "kr7host/plugin.h"
+#include "kr7host/quality.h"
 
 namespace {
 
@@ -231,7 +234,119 @@ TEST(Images, FileFailuresNameTheFileAndTheReason) {
                   }).find("cannot read " + folder / "junk.png" + ": "));
 }
 
+// ---- what a host reads of a finger -----------------------------------------------
+
+// Dark ridges, four pixels wide, on a white platen, in an oval.
+int Finger(int x, int y) {
+    const double dx = (x - 60) / 40.0, dy = (y - 80) / 60.0;
+    if (dx * dx + dy * dy > 1) {
+        return 245;
+    }
+    return (x + y) / 4 % 2 == 0 ? 40 : 230;
+}
+
+TEST(Quality, ABlockReadInPlaceMeasuresAsItsCopy) {
+    const std::vector<unsigned char> block = Block(122, 161, Finger);
+    const BitmapView view(block.data(), block.size());
+    const Quality inPlace = Measure(view);
+    const Quality copied = Measure(Image(view));
+    EXPECT_EQ(copied.area, inPlace.area);
+    EXPECT_EQ(copied.contrast, inPlace.contrast);
+    EXPECT_EQ(copied.mean, inPlace.mean);
+    EXPECT_GT(inPlace.area, 0.3);
+    EXPECT_LT(inPlace.area, 0.9);
+    EXPECT_GT(inPlace.contrast, 0.5);
+    EXPECT_EQ(inPlace.mean, MeanGrey(view));
+    // Another colour table: read through it.
+    const std::vector<unsigned char> inverted = Block(
+        122, 161, [](int x, int y) { return 255 - Finger(x, y); }, false, 19684,
+        [](int i) { return 255 - i; });
+    const Quality throughTable = Measure(BitmapView(inverted.data(), inverted.size()));
+    EXPECT_EQ(copied.area, throughTable.area);
+    EXPECT_EQ(copied.mean, throughTable.mean);
+    EXPECT_EQ(0, Measure(BitmapView()).area);
+}
+
+Shot Seen(std::int64_t frame, double area, double mean = 200, int fill = -1) {
+    Shot shot;
+    shot.frame = frame;
+    shot.quality.area = area;
+    shot.quality.mean = mean;
+    if (fill >= 0) {
+        shot.image = Image(4, 4, static_cast<std::uint8_t>(fill));
+    }
+    return shot;
+}
+
+TEST(Placements, OnePlainResultPerPlacementTheDarkest) {
+    Placements placements(vc::eCapturePlainFinger);
+    placements.Frame(Seen(0, 0));
+    placements.Frame(Seen(1, 0));
+    EXPECT_FALSE(placements.Open());
+    // A finger: the frame's image, then a result (numbered as the image
+    // before it), frame after frame.
+    for (std::int64_t frame = 2; frame < 12; ++frame) {
+        placements.Frame(Seen(frame, 0.5));
+        const double mean = frame == 6 ? 150 : 190;
+        EXPECT_EQ(frame == 2 || frame == 6, placements.Keeps({0.5, 0.6, mean}));
+        placements.Result(Seen(frame, 0.5, mean, static_cast<int>(mean)));
+        EXPECT_TRUE(placements.Open());
+        EXPECT_TRUE(placements.TakeReady().empty());
+    }
+    // Darker results replaced lighter ones: their buffers come back.
+    EXPECT_FALSE(placements.TakeSpare().Empty());
+    EXPECT_TRUE(placements.TakeSpare().Empty());
+    // Lifted: the frame without a finger, then the detector's copy of it in
+    // place of a result; then no result on the image before and no finger.
+    EXPECT_FALSE(placements.NeedsQuality(12));
+    EXPECT_TRUE(placements.NeedsQuality(13));
+    placements.Frame(Seen(12, 0.01));
+    EXPECT_TRUE(placements.TakeReady().empty());
+    placements.Frame(Seen(13, 0.01));
+    const std::vector<Shot> ready = placements.TakeReady();
+    ASSERT_EQ(1u, ready.size());
+    EXPECT_EQ(6, ready[0].frame);
+    EXPECT_EQ(150, ready[0].image.At(0, 0));
+    EXPECT_FALSE(placements.Open());
+    // A finger still on the platen when the capture ends.
+    placements.Result(Seen(20, 0.5, 180, 180));
+    placements.Close();
+    ASSERT_EQ(1u, placements.TakeReady().size());
+}
+
+TEST(Placements, RolledPrintsAndFramesGoOnAtOnce) {
+    Placements rolled(vc::eCaptureRolledFinger, 2);
+    EXPECT_TRUE(rolled.Keeps({0.5, 0.5, 250}));
+    for (int i = 0; i < 3; ++i) {
+        rolled.Result(Seen(i, 0.6, 120, 1));
+    }
+    EXPECT_EQ(2u, rolled.TakeReady().size());  // as many as wanted
+    Placements live(vc::eCaptureLive);
+    live.Frame(Seen(0, 0, 250, 9));
+    live.Frame(Seen(1, 0.5, 200, 9));
+    EXPECT_EQ(2u, live.TakeReady().size());
+    EXPECT_TRUE(live.Finger());
+    EXPECT_FALSE(IsFingerMode(vc::eCaptureLive));
+    EXPECT_FALSE(IsFingerMode(vc::eCapturePreview));
+    EXPECT_TRUE(IsFingerMode(vc::eCaptureFastPlainFinger));
+}
+
 // ---- loading -------------------------------------------------------------------
+
+TEST(Loading, TheBuildsPlugInForCodeInTheBuildTree) {
+    const std::string here = FolderOf(reinterpret_cast<const void*>(&Gradient));
+    char self[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+    EXPECT_EQ(fs::path(self).parent_path().string(), here);
+    // The test runs in the build tree, like kr7src built there.
+    const std::string built = DefaultPlugin(true, here);
+    EXPECT_EQ(fs::path(KR7_PLUGIN_PATH).parent_path(), fs::path(built).parent_path());
+    EXPECT_EQ(std::string(kPluginName), fs::path(built).filename().string());
+    EXPECT_EQ(built, DefaultPlugin(true));
+    EXPECT_EQ(kPluginName, DefaultPlugin(false, here));
+    EXPECT_EQ(kPluginName, DefaultPlugin(true, "/usr/lib/x86_64-linux-gnu/gstreamer-1.0"));
+    EXPECT_EQ("", FolderOf(nullptr));
+}
 
 // A missing plug-in and a missing stand-in are kr7's cases; here a file
 // that loads but has no entry points.

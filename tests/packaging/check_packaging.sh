@@ -3,9 +3,9 @@
 # prefix, the example host built against that both ways (CMake package and
 # pkg-config) and run on the installed virtual scanner; then the Debian
 # packages: what lands in which, their relations, their control files,
-# stripped binaries and compressed manual pages, the example and kr7 run
-# from the packages unpacked at another root, and lintian and
-# hardening-check when installed.
+# stripped binaries and compressed manual pages, the example, kr7 and (when
+# GStreamer's development files were there) kr7src run from the packages
+# unpacked at another root, and lintian and hardening-check when installed.
 # Usage: check_packaging.sh BUILD SOURCE CXX VERSION LIBDIR BINDIR INCLUDEDIR [SANITIZE]
 # Exits 77 (skipped) in sanitizer builds, whose libraries need the
 # sanitizer's runtime in the host. When the kr7 Python module is built,
@@ -25,6 +25,9 @@ for tool in pkg-config dpkg-deb dpkg-shlibdeps make readelf nm groff; do
 done
 
 work=$build/tests/packaging_check
+# kr7src and its package come with the build when GStreamer was found.
+gstreamer=no
+[ -f "$build/gst/libgstkr7.so" ] && gstreamer=yes
 rm -rf "$work"
 mkdir -p "$work"
 failures=0
@@ -88,7 +91,10 @@ $pydir/kr7.pyi}
 LIST
 )
 expected=$(grep -v '^$' <<<"$expected")
-same_lines "cmake --install installs exactly the plug-in, header, host files, kr7 and stand-ins" \
+if [ $gstreamer = yes ]; then
+    expected=$(printf '%s\n%s\n' "$expected" "$libdir/gstreamer-1.0/libgstkr7.so" | sort)
+fi
+same_lines "cmake --install installs exactly the plug-in, header, host files, kr7, stand-ins and kr7src" \
     "$expected" "$installed"
 [ "$(PKG_CONFIG_PATH=$stage/$libdir/pkgconfig pkg-config --modversion norvakkr7fg)" = "$version" ] ||
     fail "pkg-config --modversion is not $version"
@@ -148,6 +154,9 @@ if [ -n "$pymodule" ]; then
     contents[python3-kr7]="usr/$pymodule
 usr/$pydir/kr7.pyi"
 fi
+if [ $gstreamer = yes ]; then
+    contents[gstreamer1.0-kr7]="usr/$libdir/gstreamer-1.0/libgstkr7.so"
+fi
 root=$work/root
 for package in "${!contents[@]}"; do
     deb=$debs/${package}_${version}_$arch.deb
@@ -193,6 +202,15 @@ if [ -n "$pymodule" ]; then
     done
     [ "$pydir" = lib/python3/dist-packages ] ||
         fail "the Python module is not installed into lib/python3/dist-packages: $pydir"
+fi
+
+if [ $gstreamer = yes ]; then
+    gst_depends=$(field gstreamer1.0-kr7 Depends)
+    for dependency in "libnorvakkr7fg1 (= $version)" libgstreamer1.0-0 \
+        libgstreamer-plugins-base1.0-0; do
+        grep -qF "$dependency" <<<"$gst_depends" ||
+            fail "gstreamer1.0-kr7 does not depend on $dependency"
+    done
 fi
 
 # Control files. The loader's cache is refreshed by the ldconfig trigger,
@@ -297,6 +315,21 @@ LIST
         desktop-file-validate "$root/usr/share/applications/kr7-viewer.desktop" ||
             fail "the desktop entry of kr7-viewer is not valid"
     fi
+fi
+
+# kr7src from the unpacked packages: GStreamer finds it in the plug-in folder
+# it was installed to, and with virtual=true it takes the stand-ins installed
+# beside that folder (the loader's log says which files it opened).
+if [ $gstreamer = yes ] && command -v gst-launch-1.0 >/dev/null; then
+    if ! GST_PLUGIN_PATH=$root/usr/$libdir/gstreamer-1.0 GST_REGISTRY=$work/registry.bin \
+        LD_DEBUG=files timeout 120 gst-launch-1.0 -q kr7src virtual=true \
+        plugin="$root/usr/$libdir/libnorvakkr7fg.so.1" num-buffers=3 ! fakesink \
+        >"$work/gst.log" 2>&1; then
+        fail "gst-launch-1.0 kr7src from the unpacked packages"
+        grep -v "^ *[0-9]*:" "$work/gst.log" | sed 's/^/  /'
+    fi
+    grep -q "file=$sim/libQV2ScanAPI.so " "$work/gst.log" ||
+        fail "kr7src from the unpacked packages did not take the stand-ins in $sim"
 fi
 
 if command -v lintian >/dev/null; then
