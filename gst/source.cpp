@@ -49,22 +49,6 @@ std::string Format(const char* format, ...) {
 
 }  // namespace
 
-const char* ModeName(vc::eCaptureModeIDs mode) {
-    switch (mode) {
-        case vc::eCaptureLive:
-            return "live";
-        case vc::eCapturePlainFinger:
-            return "plain";
-        case vc::eCaptureFastPlainFinger:
-            return "fastplain";
-        case vc::eCaptureRolledFinger:
-            return "rolled";
-        case vc::eCapturePreview:
-            return "preview";
-    }
-    return "unknown";
-}
-
 GstCaps* FrameCaps(int width, int height) {
     return gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "GRAY8", "width", G_TYPE_INT,
                                width, "height", G_TYPE_INT, height, "framerate", GST_TYPE_FRACTION,

@@ -29,7 +29,6 @@
 #include <norvakkr7fg/framegrabber.h>
 
 #include "kr7host/capture.h"
-#include "kr7host/quality.h"
 #include "kr7host/plugin.h"
 #include "kr7host/quality.h"
 
@@ -43,8 +42,7 @@ constexpr std::size_t kLiveFrames = 4;
 // The KR7's frame period: the scanner delivers 25 frames a second.
 constexpr GstClockTime kFramePeriod = 40 * GST_MSECOND;
 
-// "live", "plain", "fastplain", "rolled", "preview".
-const char* ModeName(vc::eCaptureModeIDs mode);
+using kr7host::ModeName;
 
 struct Settings {
     int device = -1;  // interface number; -1: the first listed

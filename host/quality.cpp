@@ -146,6 +146,34 @@ bool IsFingerMode(vc::eCaptureModeIDs mode) {
            mode == vc::eCaptureRolledFinger;
 }
 
+const char* ModeName(vc::eCaptureModeIDs mode) {
+    switch (mode) {
+        case vc::eCaptureLive:
+            return "live";
+        case vc::eCapturePlainFinger:
+            return "plain";
+        case vc::eCaptureRolledFinger:
+            return "rolled";
+        case vc::eCaptureFastPlainFinger:
+            return "fastplain";
+        case vc::eCapturePreview:
+            return "preview";
+    }
+    return "unknown";
+}
+
+bool ModeFromName(const std::string& name, vc::eCaptureModeIDs& mode) {
+    for (vc::eCaptureModeIDs candidate :
+         {vc::eCaptureLive, vc::eCapturePlainFinger, vc::eCaptureRolledFinger,
+          vc::eCaptureFastPlainFinger, vc::eCapturePreview}) {
+        if (name == ModeName(candidate)) {
+            mode = candidate;
+            return true;
+        }
+    }
+    return false;
+}
+
 Shot Measured(Image&& image, std::int64_t frame) {
     Shot shot;
     shot.quality = Measure(image);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -38,6 +39,10 @@ constexpr double kFingerArea = 0.05;
 
 // Plain, fast plain and rolled finger: the modes that give finger results.
 bool IsFingerMode(vc::eCaptureModeIDs mode);
+// A capture mode's name as hosts spell it ("live", "plain", "fastplain",
+// "rolled", "preview"; "unknown" for another number) and back.
+const char* ModeName(vc::eCaptureModeIDs mode);
+bool ModeFromName(const std::string& name, vc::eCaptureModeIDs& mode);
 
 // An image of a capture with its read-out.
 struct Shot {

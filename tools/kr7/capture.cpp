@@ -406,34 +406,6 @@ int Run::Report() {
 
 }  // namespace
 
-const char* ModeName(vc::eCaptureModeIDs mode) {
-    switch (mode) {
-        case vc::eCaptureLive:
-            return "live";
-        case vc::eCapturePlainFinger:
-            return "plain";
-        case vc::eCaptureRolledFinger:
-            return "rolled";
-        case vc::eCaptureFastPlainFinger:
-            return "fastplain";
-        case vc::eCapturePreview:
-            return "preview";
-    }
-    return "unknown";
-}
-
-bool ModeFromName(const std::string& name, vc::eCaptureModeIDs& mode) {
-    for (vc::eCaptureModeIDs candidate :
-         {vc::eCaptureLive, vc::eCapturePlainFinger, vc::eCaptureRolledFinger,
-          vc::eCaptureFastPlainFinger, vc::eCapturePreview}) {
-        if (name == ModeName(candidate)) {
-            mode = candidate;
-            return true;
-        }
-    }
-    return false;
-}
-
 bool FormatName(const std::string& pattern, int number, std::string& name) {
     std::string out;
     int conversions = 0;

@@ -8,6 +8,7 @@
 #include <norvakkr7fg/framegrabber.h>
 
 #include "kr7host/plugin.h"
+#include "kr7host/quality.h"
 #include "status.h"
 
 namespace kr7 {
@@ -32,8 +33,8 @@ struct Scanner {
 };
 
 // The capture mode's name on the command line ("plain", ...) and back.
-const char* ModeName(vc::eCaptureModeIDs mode);
-bool ModeFromName(const std::string& name, vc::eCaptureModeIDs& mode);
+using kr7host::ModeFromName;
+using kr7host::ModeName;
 
 // The file name for image `number`: `pattern` holds exactly one decimal
 // conversion (%d, %3d, %03d; %% is a percent sign). False when it does not.
