@@ -27,7 +27,26 @@ Session::~Session() {
 template <class F>
 void Session::Later(F f) {
     // Runs on the interface thread; dropped when the session is gone.
-    QMetaObject::invokeMethod(this, std::move(f), Qt::QueuedConnection);
+    bool first = false;
+    {
+        std::lock_guard<std::mutex> lock(m_LaterMutex);
+        first = m_vLater.empty();
+        m_vLater.emplace_back(std::move(f));
+    }
+    if (first) {
+        QMetaObject::invokeMethod(this, "RunLater", Qt::QueuedConnection);
+    }
+}
+
+void Session::RunLater() {
+    std::vector<Job> calls;
+    {
+        std::lock_guard<std::mutex> lock(m_LaterMutex);
+        calls.swap(m_vLater);
+    }
+    for (Job& call : calls) {
+        call();
+    }
 }
 
 void Session::Post(Job job) {

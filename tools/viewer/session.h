@@ -100,6 +100,10 @@ signals:
     void contamination(double value);
     void deviceEvent(unsigned int type);
 
+private slots:
+    // The calls Later queued, on the interface thread.
+    void RunLater();
+
 private:
     using Job = std::function<void()>;
     using Clock = std::chrono::steady_clock;
@@ -144,6 +148,12 @@ private:
     std::vector<Result> m_vResults;  // under m_FrameMutex
     bool m_bFresh = false;      // m_Latest not yet taken; under m_FrameMutex
     bool m_bNotified = false;   // framesReady posted, not yet handled; under m_FrameMutex
+
+    // Calls for the interface thread. They wait here, under our own mutex,
+    // rather than inside Qt's queued call: Qt's event queue synchronises
+    // with futexes ThreadSanitizer cannot see.
+    std::mutex m_LaterMutex;
+    std::vector<Job> m_vLater;  // under m_LaterMutex
 
     std::thread m_Thread;  // last: starts once everything above exists
 };
