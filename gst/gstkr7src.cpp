@@ -42,11 +42,11 @@ kr7gst::Source& SourceOf(gpointer object) {
     return *GST_KR7_SRC(object)->source;
 }
 
-void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* param) {
     kr7gst::Source& source = SourceOf(object);
     if ((id == PROP_DEVICE || id == PROP_PLUGIN || id == PROP_VIRTUAL) && source.Loaded()) {
         GST_WARNING_OBJECT(object, "%s takes effect at the next NULL to READY change",
-                           g_param_spec_get_name(spec));
+                           g_param_spec_get_name(param));
     }
     switch (id) {
         case PROP_DEVICE: {
@@ -78,12 +78,12 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
             break;
         }
         default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
             break;
     }
 }
 
-void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* param) {
     kr7gst::Source& source = SourceOf(object);
     switch (id) {
         case PROP_DEVICE:
@@ -110,7 +110,7 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
             g_value_set_uint64(value, source.FramesDropped());
             break;
         default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
             break;
     }
 }
