@@ -17,9 +17,9 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <mutex>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -458,23 +458,23 @@ public:
             std::atomic<long> seen{0};
             std::mutex mutex;
             std::condition_variable done;
-            kr7host::Capture capture(
-                grabber, {1, vc::eCaptureLive, 4}, [&](const kr7host::Delivery& delivery) {
-                    if (delivery.kind == kr7host::Kind::Stop) {
-                        std::lock_guard<std::mutex> lock(mutex);
-                        done.notify_one();
-                    }
-                    const long at = seen.load();
-                    if (delivery.kind != kr7host::Kind::Image || at >= count) {
-                        return;
-                    }
-                    times[static_cast<std::size_t>(at)] = Clock::now();
-                    seen.store(at + 1);
-                    if (at + 1 == count) {
-                        std::lock_guard<std::mutex> lock(mutex);
-                        done.notify_one();
-                    }
-                });
+            kr7host::Capture capture(grabber, {1, vc::eCaptureLive, 4},
+                                     [&](const kr7host::Delivery& delivery) {
+                                         if (delivery.kind == kr7host::Kind::Stop) {
+                                             std::lock_guard<std::mutex> lock(mutex);
+                                             done.notify_one();
+                                         }
+                                         const long at = seen.load();
+                                         if (delivery.kind != kr7host::Kind::Image || at >= count) {
+                                             return;
+                                         }
+                                         times[static_cast<std::size_t>(at)] = Clock::now();
+                                         seen.store(at + 1);
+                                         if (at + 1 == count) {
+                                             std::lock_guard<std::mutex> lock(mutex);
+                                             done.notify_one();
+                                         }
+                                     });
             capture.Start();
             {
                 std::unique_lock<std::mutex> lock(mutex);
@@ -484,10 +484,10 @@ public:
             capture.Stop();
             std::vector<double> intervals;
             for (long i = 1; i < seen.load(); ++i) {
-                intervals.push_back(std::chrono::duration<double>(
-                                        times[static_cast<std::size_t>(i)] -
-                                        times[static_cast<std::size_t>(i - 1)])
-                                        .count());
+                intervals.push_back(
+                    std::chrono::duration<double>(times[static_cast<std::size_t>(i)] -
+                                                  times[static_cast<std::size_t>(i - 1)])
+                        .count());
             }
             return intervals;
         });
@@ -593,8 +593,8 @@ a capture stops it cleanly and raises KeyboardInterrupt in the caller.)DOC";
         .def("__repr__", [](const Info& i) {
             return "kr7.Info(version=" + Quoted(i.version) + ", product=" + Quoted(i.product) +
                    ", serial=" + Quoted(i.serial) + ", hardware=" + Quoted(i.hardware) +
-                   ", firmware=" + Quoted(i.firmware) + ", calibration=" +
-                   Quoted(i.calibration) + ", device=" + std::to_string(i.device) + ")";
+                   ", firmware=" + Quoted(i.firmware) + ", calibration=" + Quoted(i.calibration) +
+                   ", device=" + std::to_string(i.device) + ")";
         });
 
     py::class_<Device>(m, "Device", "A connected scanner, as kr7.devices() lists it.")
@@ -629,12 +629,14 @@ a capture stops it cleanly and raises KeyboardInterrupt in the caller.)DOC";
         .def_readonly("frame", &Result::frame, "The plug-in's frames before this result.")
         .def("__repr__", [](const Result& r) {
             const py::tuple shape = r.image.attr("shape");
-            return py::str("kr7.Result(number={}, area={:.3f}, contrast={:.3f}, frame={}, image={})")
+            return py::str(
+                       "kr7.Result(number={}, area={:.3f}, contrast={:.3f}, frame={}, image={})")
                 .format(r.number, r.area, r.contrast, r.frame, shape)
                 .cast<std::string>();
         });
 
-    py::class_<Capture>(m, "Capture", R"DOC(A capture as a generator: scanner.capture() and scanner.frames().
+    py::class_<Capture>(m, "Capture",
+                        R"DOC(A capture as a generator: scanner.capture() and scanner.frames().
 
 It is lazy: the capture starts at the first next() and stops when the
 generator is exhausted (count reached, timeout), closed (close(), the end
@@ -646,14 +648,18 @@ first (counted in dropped); finger results never are.)DOC")
         .def("close", &Capture::Close, "Stop the capture now; the generator is then exhausted.")
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__", [](Capture& self, py::args) { self.Close(); })
-        .def_property_readonly("frames", [](const Capture& c) { return c.Get().Frames(); },
-                               "Live frames the plug-in delivered in this capture so far.")
-        .def_property_readonly("dropped", [](const Capture& c) { return c.Get().Dropped(); },
-                               "Live frames let go before the reader took them.")
-        .def_property_readonly("handed", [](const Capture& c) { return c.Get().Handed(); },
-                               "Frames or results handed to the reader so far.")
-        .def_property_readonly("started", [](const Capture& c) { return c.Get().Started(); },
-                               "Whether the capture has started (at the first next()).")
+        .def_property_readonly(
+            "frames", [](const Capture& c) { return c.Get().Frames(); },
+            "Live frames the plug-in delivered in this capture so far.")
+        .def_property_readonly(
+            "dropped", [](const Capture& c) { return c.Get().Dropped(); },
+            "Live frames let go before the reader took them.")
+        .def_property_readonly(
+            "handed", [](const Capture& c) { return c.Get().Handed(); },
+            "Frames or results handed to the reader so far.")
+        .def_property_readonly(
+            "started", [](const Capture& c) { return c.Get().Started(); },
+            "Whether the capture has started (at the first next()).")
         .def_property_readonly(
             "stopped",
             [](const Capture& c) -> py::object {
@@ -721,8 +727,7 @@ count: frames to take (None: no limit); timeout: seconds from the start
 (None: no limit). keep: frames the generator holds for a reader that falls
 behind; a newer frame pushes the oldest out (counted in dropped, and a gap
 in Frame.number).)DOC")
-        .def("led", &Scanner::Led, "colour"_a, "on"_a,
-             "Switch the 'red' or 'green' LED on or off.")
+        .def("led", &Scanner::Led, "colour"_a, "on"_a, "Switch the 'red' or 'green' LED on or off.")
         .def("contamination", &Scanner::Contamination,
              "How much of the platen is dirty, 0 (clean) to 1; measure with no finger on it.")
         .def("property", &Scanner::Property, "id"_a, "value"_a = py::none(),
@@ -734,12 +739,13 @@ in Frame.number).)DOC")
         .def("close", &Scanner::Close,
              "Stop a capture still running, uninitialise and unload the plug-in. A second "
              "call does nothing.")
-        .def_property_readonly("closed", [](const Scanner& s) { return s.Get().Closed(); },
-                               "Whether close() has run.")
-        .def_property_readonly("plugin", [](const Scanner& s) { return s.Get().File(); },
-                               "The plug-in file loaded.")
-        .def_property_readonly("virtual", [](const Scanner& s) { return s.Get().Virtual(); },
-                               "Whether this is the virtual scanner.")
+        .def_property_readonly(
+            "closed", [](const Scanner& s) { return s.Get().Closed(); }, "Whether close() has run.")
+        .def_property_readonly(
+            "plugin", [](const Scanner& s) { return s.Get().File(); }, "The plug-in file loaded.")
+        .def_property_readonly(
+            "virtual", [](const Scanner& s) { return s.Get().Virtual(); },
+            "Whether this is the virtual scanner.")
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__", [](Scanner& self, py::args) { self.Close(); })
         .def("__repr__", [](const Scanner& s) {

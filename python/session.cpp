@@ -149,8 +149,7 @@ void CloseAll() {
 
 // ---- the session ----------------------------------------------------------------
 
-Session::Session(const std::string& key, const OpenOptions& options,
-                 const kr7host::Options& load)
+Session::Session(const std::string& key, const OpenOptions& options, const kr7host::Options& load)
     : m_strKey(key), m_bVirtual(options.virtualScanner) {
     m_pLibrary = std::make_unique<kr7host::Library>(load);
     m_strFile = m_pLibrary->File();

@@ -50,8 +50,8 @@ struct Defaults {
     std::string moduleFolder;  // the folder of the module's file, resolved
     // With the virtual scanner, from the build tree: the plug-in and the
     // stand-ins built there.
-    std::string plugin;      // empty: kr7host::DefaultPlugin
-    std::string simFolder;   // empty: kr7host::VirtualScannerFolder
+    std::string plugin;     // empty: kr7host::DefaultPlugin
+    std::string simFolder;  // empty: kr7host::VirtualScannerFolder
 };
 Defaults FindDefaults();
 
@@ -154,9 +154,9 @@ public:
     struct Options {
         Kind kind = Kind::Results;
         vc::eCaptureModeIDs mode = vc::eCapturePlainFinger;
-        long long count = -1;   // results or frames to hand over; -1 no limit
-        double timeout = -1;    // seconds from the start; negative: none
-        std::size_t keep = 4;   // live frames queued (Frames)
+        long long count = -1;  // results or frames to hand over; -1 no limit
+        double timeout = -1;   // seconds from the start; negative: none
+        std::size_t keep = 4;  // live frames queued (Frames)
     };
 
     Stream(std::shared_ptr<Session> session, const Options& options);
@@ -208,7 +208,7 @@ private:
     std::optional<kr7host::Error> m_StopFailure;  // a stop at the count that failed
 
     mutable std::mutex m_StateMutex;
-    std::string m_strStopped;          // under m_StateMutex
+    std::string m_strStopped;            // under m_StateMutex
     std::atomic<bool> m_bHalted{false};  // the capture was stopped
 
     // The worker's side.
@@ -217,10 +217,10 @@ private:
     std::atomic<long> m_nDropped{0};   // Frames
     std::mutex m_ReadyMutex;
     std::condition_variable m_ReadyChanged;
-    std::deque<Item> m_Ready;           // under m_ReadyMutex
-    std::size_t m_nReadyFrames = 0;     // under m_ReadyMutex: of them frames
-    std::string m_strError;             // under m_ReadyMutex: the first error text
-    bool m_bEnded = false;              // under m_ReadyMutex: the stop callback came
+    std::deque<Item> m_Ready;        // under m_ReadyMutex
+    std::size_t m_nReadyFrames = 0;  // under m_ReadyMutex: of them frames
+    std::string m_strError;          // under m_ReadyMutex: the first error text
+    bool m_bEnded = false;           // under m_ReadyMutex: the stop callback came
 };
 
 }  // namespace kr7py

@@ -243,7 +243,6 @@ KR7SIM_HOT_LOOP inline float Apply(const Kernel& k, const float* center, int str
     return (acc[0] + acc[1]) + (acc[2] + acc[3]);
 }
 
-
 // Stage 1: class and singular points.
 Layout DrawLayout(const MasterRequest& req, int w, int h) {
     Rng rng(HashWords(req.seed, kStreamLayout));
@@ -436,8 +435,8 @@ public:
                 for (int y = by * kBlock; y < y1; ++y) {
                     for (int x = bx * kBlock; x < x1; ++x) {
                         const float old = Cur(x, y);
-                        const float r = Apply(bank_.At(static_cast<size_t>(y) * w_ + x),
-                                              &Cur(x, y), stride_);
+                        const float r =
+                            Apply(bank_.At(static_cast<size_t>(y) * w_ + x), &Cur(x, y), stride_);
                         const float v = std::clamp(kGrowthGain * r, -1.0f, 1.0f);
                         Nxt(x, y) = v;
                         if ((v > 0) != (old > 0) && std::fabs(v - old) > kChangeEpsilon) {

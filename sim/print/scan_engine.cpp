@@ -321,13 +321,13 @@ std::shared_ptr<const Impression> ScanEngine::CreateImpression(
     if (natural) {
         Rng skin_rng(HashWords(params.finger_seed, params.impression, kStreamSkinDraw));
         const double kind = skin_rng.Uniform();
-        const Skin skin = kind < kDryShare                ? Skin::Dry
+        const Skin skin = kind < kDryShare         ? Skin::Dry
                           : kind < 1.0 - kWetShare ? Skin::Normal
-                                                          : Skin::Wet;
+                                                   : Skin::Wet;
         const double touch = skin_rng.Uniform();
-        const double pressure = touch < kLightShare         ? skin_rng.Uniform(0.35, 0.65)
+        const double pressure = touch < kLightShare        ? skin_rng.Uniform(0.35, 0.65)
                                 : touch < 1.0 - kHardShare ? skin_rng.Uniform(0.7, 1.25)
-                                                            : skin_rng.Uniform(1.25, 1.7);
+                                                           : skin_rng.Uniform(1.25, 1.7);
         imp->skin_ = params.skin.value_or(skin);
         imp->pressure_ = params.pressure.value_or(pressure);
         imp->texture_ = skin_rng.Uniform(0.08, 0.35);
@@ -424,7 +424,8 @@ void ScanEngine::MarkSkin(Impression& imp, Rng& rng) {
     const bool scar = finger.Chance(kScarShare);
     for (int i = 0; i < creases + (scar ? 1 : 0); ++i) {
         const bool is_scar = i == creases;
-        const double cx = m.width * finger.Uniform(0.2, 0.8), cy = m.height * finger.Uniform(0.3, 0.9);
+        const double cx = m.width * finger.Uniform(0.2, 0.8),
+                     cy = m.height * finger.Uniform(0.3, 0.9);
         const double angle = (is_scar ? finger.Uniform(0, kPi) : 0.35 * finger.Normal());
         const double half = 0.5 * (is_scar ? finger.Uniform(20, 60) : finger.Uniform(40, 160));
         Impression::Mark mark;
@@ -462,8 +463,8 @@ void ScanEngine::Resample(Impression& imp) const {
             const float px = has_source_map_ ? source_x_[i] : static_cast<float>(x);
             const float py = has_source_map_ ? source_y_[i] : static_cast<float>(y);
             const Point mp = imp.PlatenToMaster(px, py);
-            double v = m.SampleRidge(mp.x, mp.y) +
-                       SkinTexture(imp.skin_, skin_key, mp.x, mp.y, texture);
+            double v =
+                m.SampleRidge(mp.x, mp.y) + SkinTexture(imp.skin_, skin_key, mp.x, mp.y, texture);
             for (const Impression::Mark& mark : imp.marks_)
                 v -= mark.depth * MarkProfile(mark, mp);
             imp.ridge_[i] =

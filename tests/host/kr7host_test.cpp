@@ -18,7 +18,6 @@
 #include "kr7host/capture.h"
 #include "kr7host/error.h"
 #include "kr7host/image.h"
-#include "kr7host/quality.h"
 #include "kr7host/plugin.h"
 #include "kr7host/quality.h"
 

@@ -207,8 +207,9 @@ void Session::DoOpen() {
     } catch (const kr7host::Error& e) {
         std::string text = e.what();
         if (e.LibraryMissing() && !m_Options.load.virtualScanner) {
-            text += "\nThe scanner's libraries are not installed? Start with --virtual for the "
-                    "virtual scanner.";
+            text +=
+                "\nThe scanner's libraries are not installed? Start with --virtual for the "
+                "virtual scanner.";
         }
         m_pPlugin.reset();
         Later([this, text] { emit loadFailed(QString::fromStdString(text)); });

@@ -45,10 +45,10 @@ struct Result {
 
 struct ScannerInfo {
     QString pluginFile, pluginVersion;
-    QStringList scanners;      // "interface 0: KR712345"
+    QStringList scanners;  // "interface 0: KR712345"
     std::vector<unsigned long> interfaces;
     unsigned long active = 0;
-    QStringList details;       // product, serial, hardware, firmware, calibration
+    QStringList details;  // product, serial, hardware, firmware, calibration
 };
 
 class Session : public QObject {
@@ -144,10 +144,10 @@ private:
     // The plug-in's worker's spare; swapped with the slot under the mutex.
     kr7host::Image m_Incoming;
     std::mutex m_FrameMutex;
-    Frame m_Latest;             // under m_FrameMutex
+    Frame m_Latest;                  // under m_FrameMutex
     std::vector<Result> m_vResults;  // under m_FrameMutex
-    bool m_bFresh = false;      // m_Latest not yet taken; under m_FrameMutex
-    bool m_bNotified = false;   // framesReady posted, not yet handled; under m_FrameMutex
+    bool m_bFresh = false;           // m_Latest not yet taken; under m_FrameMutex
+    bool m_bNotified = false;        // framesReady posted, not yet handled; under m_FrameMutex
 
     // Calls for the interface thread. They wait here, under our own mutex,
     // rather than inside Qt's queued call: Qt's event queue synchronises

@@ -72,8 +72,8 @@ void LiveView::paintEvent(QPaintEvent*) {
     QRect target(QPoint(0, 0), m_Image.size());
     if (m_bFit) {
         const QSize fitted = m_Image.size().scaled(size(), Qt::KeepAspectRatio);
-        target = QRect(QPoint((width() - fitted.width()) / 2, (height() - fitted.height()) / 2),
-                       fitted);
+        target =
+            QRect(QPoint((width() - fitted.width()) / 2, (height() - fitted.height()) / 2), fitted);
     }
     painter.drawImage(target, m_Image);
     m_nPainted = m_nNumber;

@@ -166,9 +166,9 @@ Window::Window(const Options& options, QWidget* parent)
             [this](const QString& text) { statusBar()->showMessage(text, 3000); });
     connect(session, &Session::snapshot, this, &Window::OnSnapshot);
     connect(session, &Session::contamination, this, [this](double value) {
-        m_pContamination->setText(
-            QString("Contamination: %1 (%2 % of the platen)").arg(value, 0, 'f', 3).arg(
-                Percent(value)));
+        m_pContamination->setText(QString("Contamination: %1 (%2 % of the platen)")
+                                      .arg(value, 0, 'f', 3)
+                                      .arg(Percent(value)));
     });
     connect(session, &Session::deviceEvent, this, &Window::OnDeviceEvent);
 
@@ -389,14 +389,16 @@ void Window::OnOpened(const ScannerInfo& info) {
     if (info.interfaces.empty()) {
         text += "<br><br>No scanner connected.";
         if (!m_bScannerLost) {
-            SetBanner("No scanner connected. Connect one and press “List again”, or start with "
-                      "--virtual for the virtual scanner.",
-                      0);
+            SetBanner(
+                "No scanner connected. Connect one and press “List again”, or start with "
+                "--virtual for the virtual scanner.",
+                0);
         }
     } else {
         text += QString("<br><b>Interface</b> %1").arg(info.active);
         for (int i = 0; i < info.details.size() && i < 5; ++i) {
-            text += QString("<br><b>%1</b> %2").arg(kInfoLabels[i], info.details[i].toHtmlEscaped());
+            text +=
+                QString("<br><b>%1</b> %2").arg(kInfoLabels[i], info.details[i].toHtmlEscaped());
         }
         if (m_nBannerGeneration == 0) {
             SetBanner(QString(), -1);
@@ -472,14 +474,14 @@ void Window::AddReady() {
 
 void Window::AddThumbnail(kr7host::Shot&& shot, const QString& label) {
     const int number = Results() + 1;
-    const QPixmap icon = QPixmap::fromImage(ToRgb(shot.image).scaled(
-        m_pStrip->iconSize(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
-    const QString caption =
-        QString("#%1 %2\narea %3 %  contrast %4 %")
-            .arg(number)
-            .arg(label)
-            .arg(Percent(shot.quality.area))
-            .arg(Percent(shot.quality.contrast));
+    const QPixmap icon = QPixmap::fromImage(
+        ToRgb(shot.image)
+            .scaled(m_pStrip->iconSize(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
+    const QString caption = QString("#%1 %2\narea %3 %  contrast %4 %")
+                                .arg(number)
+                                .arg(label)
+                                .arg(Percent(shot.quality.area))
+                                .arg(Percent(shot.quality.contrast));
     auto* item = new QListWidgetItem(QIcon(icon), caption);
     item->setToolTip(QString("%1×%2 pixels").arg(shot.image.width).arg(shot.image.height));
     m_pStrip->addItem(item);
@@ -504,8 +506,8 @@ void Window::ShowFull(int index) {
     const kr7host::Image& image = m_vResults[index].image;
     static_cast<QLabel*>(m_pFull->widget())->setPixmap(QPixmap::fromImage(ToRgb(image)));
     m_pFull->widget()->adjustSize();
-    m_pFull->setWindowTitle(QString("Result #%1 (%2×%3)").arg(index + 1).arg(image.width).arg(
-        image.height));
+    m_pFull->setWindowTitle(
+        QString("Result #%1 (%2×%3)").arg(index + 1).arg(image.width).arg(image.height));
     m_pFull->resize(image.width + 24, std::min(image.height + 24, 900));
     m_pFull->show();
     m_pFull->raise();
@@ -528,8 +530,8 @@ bool Window::SaveOne(int index, const QString& file) {
 QStringList Window::SaveAll(const QString& folder, const QString& format) {
     QStringList files;
     for (int i = 0; i < Results(); ++i) {
-        const QString file =
-            QDir(folder).filePath(QString("result-%1.%2").arg(i + 1, 3, 10, QChar('0')).arg(format));
+        const QString file = QDir(folder).filePath(
+            QString("result-%1.%2").arg(i + 1, 3, 10, QChar('0')).arg(format));
         if (!SaveOne(i, file)) {
             break;
         }

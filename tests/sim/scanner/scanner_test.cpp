@@ -466,7 +466,8 @@ TEST(ScannerFingers, StepsRollsSkinsAndDirt) {
         "seed 5\nempty 1f; roll from=left press=1f over=6f; roll from=right press=1f over=6f\n"
         "dirt 8; empty 1f; place 3f skin=dry press=1f; place 3f skin=wet press=1f\n");
     const std::string same_file = dir.Write(
-        "same.txt", "empty 2f; place 2f pressure=1.2 press=1f finger=5; fake 1f finger=5 variation=easy");
+        "same.txt",
+        "empty 2f; place 2f pressure=1.2 press=1f finger=5; fake 1f finger=5 variation=easy");
     Scanner s(Env{{"KR7SIM_UNITS", "if=0,seed=9,scenario=" + walk_file + ";if=1,seed=9,scenario=" +
                                        rolls_file + ";if=2,seed=9,scenario=" + rolls_file +
                                        ";if=3,seed=9,scenario=" + same_file},

@@ -5,8 +5,8 @@
 #include <QCheckBox>
 #include <QDir>
 #include <QSet>
-#include <QThreadPool>
 #include <QTemporaryDir>
+#include <QThreadPool>
 #include <QtTest>
 #include <fstream>
 #include <iterator>
@@ -51,7 +51,9 @@ int Count(const std::string& text, const std::string& part) {
 QPair<int, int> Resources() {
     QThreadPool::globalInstance()->waitForDone();
     const auto count = [](const char* folder) {
-        return QDir(folder).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
+        return QDir(folder)
+            .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
+            .size();
     };
     return {count("/proc/self/task"), count("/proc/self/fd")};
 }
@@ -78,10 +80,11 @@ private slots:
 #ifdef KR7_TSAN
     void init() {
         if (QByteArray(QTest::currentTestFunction()) != "SessionHandsOverTheNewestFrame") {
-            QSKIP("under ThreadSanitizer: Debian's Qt 6 is not built with it, and its painting "
-                  "hands work to Qt's thread pool through synchronisation TSan cannot see, which "
-                  "it reports as races inside Qt; the session's threads are checked without a "
-                  "window");
+            QSKIP(
+                "under ThreadSanitizer: Debian's Qt 6 is not built with it, and its painting "
+                "hands work to Qt's thread pool through synchronisation TSan cannot see, which "
+                "it reports as races inside Qt; the session's threads are checked without a "
+                "window");
         }
     }
 #endif
@@ -206,8 +209,7 @@ private slots:
         window->Control(vc::ePropRedLED)->setChecked(true);
         QTRY_VERIFY_WITH_TIMEOUT(Journal().find("red 255)") != std::string::npos, 3000 * kScale);
         window->Control(vc::ePropGreenLED)->setChecked(true);
-        QTRY_VERIFY_WITH_TIMEOUT(Journal().find("green 255,") != std::string::npos,
-                                 3000 * kScale);
+        QTRY_VERIFY_WITH_TIMEOUT(Journal().find("green 255,") != std::string::npos, 3000 * kScale);
         // The contamination check and the snapshot pause the capture and
         // resume it.
         double contamination = -1;
@@ -232,7 +234,8 @@ private slots:
         {
             auto window = Open(vc::eCaptureLive);
             for (int cycle = 0; cycle < 100; ++cycle) {
-                QVERIFY2(Running(*window), qPrintable(QString("cycle %1: %2").arg(cycle).arg(window->Banner())));
+                QVERIFY2(Running(*window),
+                         qPrintable(QString("cycle %1: %2").arg(cycle).arg(window->Banner())));
                 window->StartStop();
                 QTRY_VERIFY_WITH_TIMEOUT(!window->Capturing(), 3000 * kScale);
                 window->StartStop();
