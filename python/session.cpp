@@ -1,12 +1,11 @@
 #include "session.h"
 
-#include <dlfcn.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
+#include <system_error>
 
 namespace kr7py {
 
@@ -15,13 +14,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 bool IsFolder(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    std::error_code error;
+    return std::filesystem::is_directory(path, error);
 }
 
 bool IsFile(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error);
 }
 
 std::string Resolved(const std::string& path) {
@@ -68,11 +67,7 @@ std::string KeyOf(const std::string& file) {
 
 Defaults FindDefaults() {
     Defaults defaults;
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&FindDefaults), &info) != 0 && info.dli_fname != nullptr) {
-        const std::string self = Resolved(info.dli_fname);
-        defaults.moduleFolder = self.substr(0, self.rfind('/'));
-    }
+    defaults.moduleFolder = kr7host::FolderOf(reinterpret_cast<const void*>(&FindDefaults));
     const std::string& here = defaults.moduleFolder;
 #if defined(KR7_BUILD_MODULE_DIR) && defined(KR7_BUILD_PLUGIN) && defined(KR7_BUILD_SIM_DIR)
     // The module where the build put it takes the plug-in and stand-ins
