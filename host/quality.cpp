@@ -48,12 +48,93 @@ double MeanOf(unsigned long long total, int width, int height) {
     return static_cast<double>(total) / (static_cast<double>(width) * static_cast<double>(height));
 }
 
+constexpr int kTile = 16;
+
+// The figures of one 16×16 tile, in integers (exact, so the doubles made
+// of them are the same on every path).
+struct TileSums {
+    std::uint32_t sum = 0;      // of the pixels
+    std::uint32_t squares = 0;  // of their squares
+};
+struct TileRidges {
+    std::uint32_t sum = 0;  // of the pixels below the tile's mean
+    std::uint32_t count = 0;
+};
+
+// `line(y)` gives the tile's row y (0..15), its left edge.
+template <class Line>
+TileSums SumTile(Line line) {
+    TileSums tile;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    __m128i sums = zero, squares = zero;
+    for (int y = 0; y < kTile; ++y) {
+        const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line(y)));
+        sums = _mm_add_epi64(sums, _mm_sad_epu8(pixels, zero));
+        const __m128i low = _mm_unpacklo_epi8(pixels, zero);
+        const __m128i high = _mm_unpackhi_epi8(pixels, zero);
+        // 255² · 2 fits a 32-bit lane; 256 of them fit it too.
+        squares = _mm_add_epi32(squares, _mm_madd_epi16(low, low));
+        squares = _mm_add_epi32(squares, _mm_madd_epi16(high, high));
+    }
+    tile.sum = static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums) +
+                                          _mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
+    squares = _mm_add_epi32(squares, _mm_unpackhi_epi64(squares, squares));
+    squares = _mm_add_epi32(squares, _mm_shuffle_epi32(squares, 1));
+    tile.squares = static_cast<std::uint32_t>(_mm_cvtsi128_si32(squares));
+#else
+    for (int y = 0; y < kTile; ++y) {
+        const std::uint8_t* pixels = line(y);
+        for (int x = 0; x < kTile; ++x) {
+            tile.sum += pixels[x];
+            tile.squares += std::uint32_t(pixels[x]) * pixels[x];
+        }
+    }
+#endif
+    return tile;
+}
+
+// The pixels below `limit`.
+template <class Line>
+TileRidges RidgesOfTile(Line line, std::uint8_t limit) {
+    TileRidges ridges;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i limits = _mm_set1_epi8(static_cast<char>(limit));
+    const __m128i ones = _mm_set1_epi8(1);
+    __m128i sums = zero, counts = zero;
+    for (int y = 0; y < kTile; ++y) {
+        const __m128i pixels = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line(y)));
+        // limit - pixel, saturated, is 0 exactly where the pixel is not below.
+        const __m128i below =
+            _mm_xor_si128(_mm_cmpeq_epi8(_mm_subs_epu8(limits, pixels), zero), _mm_set1_epi8(-1));
+        sums = _mm_add_epi64(sums, _mm_sad_epu8(_mm_and_si128(pixels, below), zero));
+        counts = _mm_add_epi64(counts, _mm_sad_epu8(_mm_and_si128(ones, below), zero));
+    }
+    ridges.sum = static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums) +
+                                            _mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
+    ridges.count = static_cast<std::uint32_t>(
+        _mm_cvtsi128_si32(counts) + _mm_cvtsi128_si32(_mm_unpackhi_epi64(counts, counts)));
+#else
+    for (int y = 0; y < kTile; ++y) {
+        const std::uint8_t* pixels = line(y);
+        for (int x = 0; x < kTile; ++x) {
+            if (pixels[x] < limit) {
+                ridges.sum += pixels[x];
+                ++ridges.count;
+            }
+        }
+    }
+#endif
+    return ridges;
+}
+
 template <class Row>
 Quality MeasureRows(int width, int height, Row row) {
-    constexpr int kTile = 16;
     // A tile belongs to the finger when its grey levels spread this far
     // (standard deviation); the bare platen stays within a few levels.
     constexpr double kFingerSpread = 12.0;
+    constexpr std::uint32_t n = kTile * kTile;
     Quality quality;
     if (width <= 0 || height <= 0) {
         return quality;
@@ -64,41 +145,24 @@ Quality MeasureRows(int width, int height, Row row) {
     double contrast = 0;
     for (int top = 0; top + kTile <= height; top += kTile) {
         for (int left = 0; left + kTile <= width; left += kTile) {
-            double sum = 0, squares = 0;
-            for (int y = top; y < top + kTile; ++y) {
-                const std::uint8_t* line = row(y) + left;
-                for (int x = 0; x < kTile; ++x) {
-                    const double p = line[x];
-                    sum += p;
-                    squares += p * p;
-                }
-            }
-            constexpr double n = kTile * kTile;
-            const double mean = sum / n;
-            const double spread = std::sqrt(std::max(0.0, squares / n - mean * mean));
+            const auto line = [&row, top, left](int y) { return row(top + y) + left; };
+            const TileSums tile = SumTile(line);
+            const double mean = static_cast<double>(tile.sum) / n;
+            const double spread =
+                std::sqrt(std::max(0.0, static_cast<double>(tile.squares) / n - mean * mean));
             ++tiles;
             if (spread < kFingerSpread) {
                 continue;
             }
             ++covered;
-            // Ridges are the pixels below the tile's mean, valleys the rest.
-            double ridges = 0, valleys = 0;
-            int ridgeCount = 0;
-            for (int y = top; y < top + kTile; ++y) {
-                const std::uint8_t* line = row(y) + left;
-                for (int x = 0; x < kTile; ++x) {
-                    const double p = line[x];
-                    if (p < mean) {
-                        ridges += p;
-                        ++ridgeCount;
-                    } else {
-                        valleys += p;
-                    }
-                }
-            }
-            const int valleyCount = kTile * kTile - ridgeCount;
-            if (ridgeCount > 0 && valleyCount > 0) {
-                contrast += (valleys / valleyCount - ridges / ridgeCount) / 255.0;
+            // Ridges are the pixels below the tile's mean, valleys the rest:
+            // p < sum / n exactly when p < ceil(sum / n).
+            const auto limit = static_cast<std::uint8_t>((tile.sum + n - 1) / n);
+            const TileRidges ridges = RidgesOfTile(line, limit);
+            const std::uint32_t valleyCount = n - ridges.count;
+            if (ridges.count > 0 && valleyCount > 0) {
+                const double valleys = static_cast<double>(tile.sum - ridges.sum) / valleyCount;
+                contrast += (valleys - static_cast<double>(ridges.sum) / ridges.count) / 255.0;
             }
         }
     }
@@ -118,6 +182,14 @@ Quality Measure(const Image& image) {
         return Quality();
     }
     return MeasureRows(image.width, image.height, [&image](int y) { return image.Row(y); });
+}
+
+double MeanGrey(const Image& image) {
+    if (image.Empty()) {
+        return Quality().mean;
+    }
+    return MeanOf(TotalOfRows(image.width, image.height, [&image](int y) { return image.Row(y); }),
+                  image.width, image.height);
 }
 
 double MeanGrey(const BitmapView& view) {

@@ -33,6 +33,7 @@ Quality Measure(const BitmapView& view);
 // The mean grey level alone (Quality::mean, to the last bit), in one pass
 // over the rows: what picks the darkest result of a placement.
 double MeanGrey(const BitmapView& view);
+double MeanGrey(const Image& image);
 
 // A finger is on the platen when this share of it is covered.
 constexpr double kFingerArea = 0.05;

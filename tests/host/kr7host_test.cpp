@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -264,6 +265,89 @@ TEST(Quality, ABlockReadInPlaceMeasuresAsItsCopy) {
     EXPECT_EQ(copied.area, throughTable.area);
     EXPECT_EQ(copied.mean, throughTable.mean);
     EXPECT_EQ(0, Measure(BitmapView()).area);
+}
+
+// The read-out pixel by pixel in doubles, the plain way: what the vector
+// code must give to the last bit.
+Quality Reference(const Image& image) {
+    Quality quality;
+    double total = 0;
+    for (std::uint8_t p : image.pixels) {
+        total += p;
+    }
+    quality.mean = total / image.pixels.size();
+    int tiles = 0, covered = 0;
+    double contrast = 0;
+    for (int top = 0; top + 16 <= image.height; top += 16) {
+        for (int left = 0; left + 16 <= image.width; left += 16) {
+            const auto at = [&](int x, int y) { return double(image.At(left + x, top + y)); };
+            double sum = 0, squares = 0;
+            for (int i = 0; i < 256; ++i) {
+                sum += at(i % 16, i / 16);
+                squares += at(i % 16, i / 16) * at(i % 16, i / 16);
+            }
+            const double mean = sum / 256;
+            ++tiles;
+            if (std::sqrt(std::max(0.0, squares / 256 - mean * mean)) < 12) {
+                continue;
+            }
+            ++covered;
+            double ridges = 0, valleys = 0;
+            int ridgeCount = 0;
+            for (int i = 0; i < 256; ++i) {
+                const double p = at(i % 16, i / 16);
+                (p < mean ? ridges : valleys) += p;
+                ridgeCount += p < mean;
+            }
+            if (ridgeCount > 0 && ridgeCount < 256) {
+                contrast += (valleys / (256 - ridgeCount) - ridges / ridgeCount) / 255.0;
+            }
+        }
+    }
+    quality.area = tiles > 0 ? double(covered) / tiles : 0;
+    quality.contrast = covered > 0 ? contrast / covered : 0;
+    return quality;
+}
+
+TEST(Quality, EqualsThePixelByPixelReadOut) {
+    // Noise of every spread, tiles whose mean is a whole grey level (a
+    // pixel equal to it is a valley), black and white tiles, ragged edges.
+    std::srand(7);
+    Image image(16 * 9 + 5, 16 * 7 + 11, 0);
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            const int tile = x / 16 + y / 16 * 10;
+            int p = 0;
+            switch (tile % 5) {
+                case 0:  // noise of a spread that grows from tile to tile
+                    p = 128 + (std::rand() % (2 * tile + 1)) - tile;
+                    break;
+                case 1:  // a whole-level mean: 100 and 140, with 120 between
+                    p = (x + y) % 4 == 0   ? 120
+                        : (x + y) % 4 == 1 ? 100
+                        : (x + y) % 4 == 2 ? 140
+                                           : 120;
+                    break;
+                case 2:
+                    p = (x ^ y) & 1 ? 255 : 0;
+                    break;
+                case 3:
+                    p = std::rand() % 256;
+                    break;
+                default:
+                    p = 255 - tile;
+            }
+            image.At(x, y) = static_cast<std::uint8_t>(std::clamp(p, 0, 255));
+        }
+    }
+    const std::vector<unsigned char> finger = Block(122, 161, Finger);
+    for (const Image& tried : {image, Image(BitmapView(finger.data(), finger.size()))}) {
+        const Quality measured = Measure(tried), expected = Reference(tried);
+        EXPECT_EQ(expected.area, measured.area);
+        EXPECT_EQ(expected.contrast, measured.contrast);
+        EXPECT_EQ(expected.mean, measured.mean);
+    }
+    EXPECT_GT(Measure(image).area, 0.4);
 }
 
 Shot Seen(std::int64_t frame, double area, double mean = 200, int fill = -1) {

@@ -4,6 +4,10 @@
 #include <chrono>
 #include <thread>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace kr7viewer {
 
 void ToRgb(const kr7host::Image& image, QImage& out) {
@@ -18,7 +22,23 @@ void ToRgb(const kr7host::Image& image, QImage& out) {
     for (int y = 0; y < image.height; ++y) {
         const std::uint8_t* grey = image.Row(y);
         auto* rgb = reinterpret_cast<QRgb*>(out.scanLine(y));
-        for (int x = 0; x < image.width; ++x) {
+        int x = 0;
+#if defined(__SSE2__)
+        // 16 pixels at a time: each grey byte spread over four, alpha set.
+        const __m128i alpha = _mm_set1_epi32(static_cast<int>(0xff000000u));
+        for (; x + 16 <= image.width; x += 16) {
+            const __m128i g = _mm_loadu_si128(reinterpret_cast<const __m128i*>(grey + x));
+            const __m128i low = _mm_unpacklo_epi8(g, g), high = _mm_unpackhi_epi8(g, g);
+            const __m128i quads[4] = {_mm_unpacklo_epi16(low, low), _mm_unpackhi_epi16(low, low),
+                                      _mm_unpacklo_epi16(high, high),
+                                      _mm_unpackhi_epi16(high, high)};
+            for (int i = 0; i < 4; ++i) {
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(rgb + x + 4 * i),
+                                 _mm_or_si128(quads[i], alpha));
+            }
+        }
+#endif
+        for (; x < image.width; ++x) {
             rgb[x] = 0xff000000u | grey[x] * 0x010101u;
         }
     }

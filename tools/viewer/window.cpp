@@ -39,22 +39,15 @@ constexpr ModeName kModes[] = {{vc::eCaptureLive, "Live"},
                                {vc::eCaptureFastPlainFinger, "Fast plain finger"},
                                {vc::eCaptureRolledFinger, "Rolled finger"}};
 
+// How often the finger's state is read from a frame while the placements do
+// not need every frame's: three frames of the scanner's 25 a second.
+constexpr std::chrono::milliseconds kFingerStatePeriod(120);
+
 constexpr const char* kInfoLabels[5] = {"Product", "Serial number", "Hardware", "Firmware",
                                         "Calibration"};
 
 int Percent(double share) {
     return static_cast<int>(std::lround(share * 100.0));
-}
-
-double Mean(const kr7host::Image& image) {
-    if (image.Empty()) {
-        return 255;
-    }
-    unsigned long long total = 0;
-    for (std::uint8_t p : image.pixels) {
-        total += p;
-    }
-    return static_cast<double>(total) / static_cast<double>(image.pixels.size());
 }
 
 QPushButton* Button(const QString& text, QWidget* parent) {
@@ -364,9 +357,18 @@ void Window::OnFrames() {
         SetBanner(QString(), -1);
     }
     if (m_pPlacements && kr7host::IsFingerMode(m_eCaptureMode)) {
-        // The frame stays with the view; the placements need its measure only.
+        // The frame stays with the view; the placements need its measure
+        // only. It tells when a finger has gone, needed on every frame only
+        // while a placement waits for that; otherwise it keeps the finger's
+        // state on screen, and a few times a second is enough for the eye.
+        const auto now = std::chrono::steady_clock::now();
+        if (m_pPlacements->NeedsQuality(m_Frame.number) ||
+            now - m_LastMeasure >= kFingerStatePeriod) {
+            m_LastQuality = kr7host::Measure(m_Frame.image);
+            m_LastMeasure = now;
+        }
         kr7host::Shot shot;
-        shot.quality = kr7host::Measure(m_Frame.image);
+        shot.quality = m_LastQuality;
         shot.frame = m_Frame.number;
         m_pPlacements->Frame(std::move(shot));
         AddReady();
@@ -422,6 +424,7 @@ void Window::OnCapturing(bool running, int mode) {
     if (running) {
         m_eCaptureMode = static_cast<vc::eCaptureModeIDs>(mode);
         m_pPlacements = std::make_unique<kr7host::Placements>(m_eCaptureMode, INT_MAX);
+        m_LastMeasure = {};
     } else if (m_pPlacements) {
         m_pPlacements->Close();
         AddReady();
@@ -442,7 +445,7 @@ void Window::OnResult(Result&& result) {
     // Of each placement the darkest result is kept: the mean is all it takes
     // to choose; the kept one is measured in full for the strip.
     kr7host::Shot shot;
-    shot.quality.mean = Mean(result.image);
+    shot.quality.mean = kr7host::MeanGrey(result.image);
     shot.image = std::move(result.image);
     shot.frame = result.frame;
     m_pPlacements->Result(std::move(shot));

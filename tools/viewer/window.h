@@ -7,6 +7,7 @@
 #include <QMainWindow>
 #include <QString>
 #include <QStringList>
+#include <chrono>
 #include <memory>
 #include <vector>
 
@@ -109,6 +110,9 @@ private:
     bool m_bCapturing = false;
     vc::eCaptureModeIDs m_eCaptureMode = vc::eCaptureLive;
     std::unique_ptr<kr7host::Placements> m_pPlacements;
+    // The last frame measured for the finger's state, and when.
+    kr7host::Quality m_LastQuality;
+    std::chrono::steady_clock::time_point m_LastMeasure;
     std::vector<kr7host::Shot> m_vResults;
     // The banner's capture: a frame of a later one takes it away; 0 keeps it.
     long m_nBannerGeneration = -1;
