@@ -18,9 +18,9 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 ticks=$(getconf CLK_TCK)
 export KR7SIM_REALTIME=1 QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME=$work/config
-# One finger, placed once and held: the virtual scanner grows a new finger's
-# ridges once per placement (about a second of CPU), which would swamp what
-# is measured here. Another scenario can be given in KR7SIM_SCENARIO.
+# One finger, placed once and held: the virtual scanner presses each new
+# placement anew in this process, which adds to the floor and the window
+# alike. Another scenario can be given in KR7SIM_SCENARIO.
 export KR7SIM_SCENARIO=${KR7SIM_SCENARIO:-"empty 1s; place 0.3s; hold 3600s"}
 
 # utime + stime of PID (and of its main thread, the interface thread), in

@@ -1,6 +1,7 @@
 #include "view.h"
 
 #include <QPainter>
+#include <QRegion>
 #include <chrono>
 #include <thread>
 
@@ -85,8 +86,9 @@ void LiveView::paintEvent(QPaintEvent*) {
         std::this_thread::sleep_for(std::chrono::milliseconds(m_nDelay));
     }
     QPainter painter(this);
-    painter.fillRect(rect(), QColor(48, 48, 48));
+    const QColor background(48, 48, 48);
     if (m_Image.isNull()) {
+        painter.fillRect(rect(), background);
         return;
     }
     QRect target(QPoint(0, 0), m_Image.size());
@@ -94,6 +96,10 @@ void LiveView::paintEvent(QPaintEvent*) {
         const QSize fitted = m_Image.size().scaled(size(), Qt::KeepAspectRatio);
         target =
             QRect(QPoint((width() - fitted.width()) / 2, (height() - fitted.height()) / 2), fitted);
+    }
+    // Only the margins around the frame: under it every pixel is drawn.
+    for (const QRect& margin : (QRegion(rect()) - target)) {
+        painter.fillRect(margin, background);
     }
     painter.drawImage(target, m_Image);
     m_nPainted = m_nNumber;
