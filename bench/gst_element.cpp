@@ -53,12 +53,15 @@
 
 #include "kr7host/capture.h"
 #include "kr7host/plugin.h"
+#include "support/in_child.h"
 #include "support/malloc_count.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Report = nlohmann::ordered_json;
+using kr7bench::Field;
+using kr7bench::InChild;
+using kr7bench::Report;
 
 struct Mode {
     const char* name;  // as kr7src's mode property takes it, or "plain-finger"
@@ -471,57 +474,6 @@ Report RunPaced() {
     return report;
 }
 
-// Runs `work` in a child process; returns its JSON object.
-template <class Work>
-Report InChild(const char* label, Work work) {
-    int ends[2];
-    if (pipe(ends) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        close(ends[0]);
-        int code = 0;
-        std::string json;
-        try {
-            json = work().dump();
-        } catch (const std::exception& e) {
-            std::fprintf(stderr, "%s: %s\n", label, e.what());
-            code = 1;
-        }
-        std::size_t written = 0;
-        while (written < json.size()) {
-            const ssize_t n = write(ends[1], json.data() + written, json.size() - written);
-            if (n <= 0) {
-                break;
-            }
-            written += static_cast<std::size_t>(n);
-        }
-        close(ends[1]);
-        std::fflush(nullptr);
-        _exit(code);
-    }
-    close(ends[1]);
-    std::string json;
-    char buffer[65536];
-    ssize_t n = 0;
-    while ((n = read(ends[0], buffer, sizeof buffer)) > 0) {
-        json.append(buffer, static_cast<std::size_t>(n));
-    }
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || json.empty()) {
-        throw std::runtime_error(std::string("configuration failed: ") + label);
-    }
-    return Report::parse(json);
-}
-
-double Field(const Report& json, const char* key) {
-    return json.value(key, -1.0);
-}
-
 bool Parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -553,8 +505,8 @@ int main(int argc, char** argv) {
                 const std::string label = std::string(mode.name) + "@" +
                                           std::to_string(size.width) + "x" +
                                           std::to_string(size.height);
-                Report json = InChild(label.c_str(),
-                                      [&] { return RunConfiguration(mode, size, options.frames); });
+                Report json =
+                    InChild(label, [&] { return RunConfiguration(mode, size, options.frames); });
                 std::printf(
                     "%-13s %4dx%-4d memcpy %5.2f us  plug-in %6.2f us/frame, through kr7src "
                     "%6.2f: +%5.2f us = %5.2f x memcpy on the worker; CPU/frame %6.2f -> %6.2f "

@@ -65,6 +65,7 @@
 #include "kr7host/capture.h"
 #include "kr7host/plugin.h"
 #include "support/allocation_count.h"
+#include "support/in_child.h"
 
 namespace {
 
@@ -298,7 +299,8 @@ void WaitForFrames(Host& host, long count, double timeoutSeconds) {
 
 // Everything of one configuration, as a JSON object whose keys keep their
 // order.
-using Report = nlohmann::ordered_json;
+using kr7bench::Field;
+using kr7bench::Report;
 
 void SetEnvironment(const Mode& mode, Size size, bool realtime) {
     setenv("KR7SIM_SCENARIO", mode.scenario, 1);
@@ -549,53 +551,9 @@ Report RunConfiguration(const Mode& mode, Size size, bool paced, const Options& 
 
 // Runs a configuration in a child process; returns its JSON object.
 Report InChild(const Mode& mode, Size size, bool paced, const Options& options) {
-    int pipeEnds[2];
-    if (pipe(pipeEnds) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        close(pipeEnds[0]);
-        int code = 0;
-        std::string json;
-        try {
-            json = RunConfiguration(mode, size, paced, options).dump();
-        } catch (const std::exception& e) {
-            std::fprintf(stderr, "%s %dx%d: %s\n", mode.name, size.width, size.height, e.what());
-            code = 1;
-        }
-        std::size_t written = 0;
-        while (written < json.size()) {
-            const ssize_t n = write(pipeEnds[1], json.data() + written, json.size() - written);
-            if (n <= 0) {
-                break;
-            }
-            written += static_cast<std::size_t>(n);
-        }
-        close(pipeEnds[1]);
-        std::fflush(nullptr);
-        _exit(code);
-    }
-    close(pipeEnds[1]);
-    std::string json;
-    char buffer[65536];
-    ssize_t n = 0;
-    while ((n = read(pipeEnds[0], buffer, sizeof buffer)) > 0) {
-        json.append(buffer, static_cast<std::size_t>(n));
-    }
-    close(pipeEnds[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || json.empty()) {
-        throw std::runtime_error(std::string("configuration failed: ") + mode.name);
-    }
-    return Report::parse(json);
-}
-
-// A figure of a configuration; -1 when it has none.
-double Field(const Report& json, const char* key) {
-    return json.value(key, -1.0);
+    const std::string label = std::string(mode.name) + " " + std::to_string(size.width) + "x" +
+                              std::to_string(size.height);
+    return kr7bench::InChild(label, [&] { return RunConfiguration(mode, size, paced, options); });
 }
 
 void PrintSteady(const Report& json, const Mode& mode, Size size) {
