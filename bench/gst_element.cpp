@@ -531,13 +531,8 @@ int main(int argc, char** argv) {
                 Field(json, "streaming_thread_cpu_percent"), Field(json, "extra_cpu_percent"));
             all["configurations"].push_back(std::move(json));
         }
-        if (!options.out.empty()) {
-            std::ofstream file(options.out);
-            file << all.dump() << "\n";
-            if (!file.flush()) {
-                std::perror(options.out.c_str());
-                return 1;
-            }
+        if (!options.out.empty() && !kr7bench::WriteReport(options.out, all)) {
+            return 1;
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_gst_element: %s\n", e.what());

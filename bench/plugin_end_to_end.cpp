@@ -53,7 +53,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -649,13 +648,8 @@ int main(int argc, char** argv) {
                 Field(json, "stop_max_ms"));
             all["configurations"].push_back(std::move(json));
         }
-        if (!options.out.empty()) {
-            std::ofstream file(options.out);
-            file << all.dump() << "\n";
-            if (!file.flush()) {
-                std::perror(options.out.c_str());
-                return 1;
-            }
+        if (!options.out.empty() && !kr7bench::WriteReport(options.out, all)) {
+            return 1;
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_plugin_end_to_end: %s\n", e.what());

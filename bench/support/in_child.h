@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -66,6 +67,18 @@ Report InChild(const std::string& label, Work work) {
         throw std::runtime_error("configuration failed: " + label);
     }
     return Report::parse(json);
+}
+
+// Writes the reports of a run to `path`; false (the reason printed) when
+// that fails.
+inline bool WriteReport(const std::string& path, const Report& all) {
+    std::ofstream file(path);
+    file << all.dump() << "\n";
+    if (!file.flush()) {
+        std::perror(path.c_str());
+        return false;
+    }
+    return true;
 }
 
 // A figure of a report; -1 when it has none.
