@@ -209,7 +209,6 @@ bool Source::Start() {
     m_eMode = settings.mode;
     m_bResultsOnly = settings.resultsOnly && kr7host::IsFingerMode(m_eMode);
     m_pPlacements = std::make_unique<kr7host::Placements>(m_eMode);
-    m_bFramePending = false;
     m_nFrames = 0;
     m_nLastIndex = -1;
     m_nLastArrival = GST_CLOCK_TIME_NONE;
@@ -444,14 +443,8 @@ void Source::OnImage(const kr7host::Delivery& delivery) {
         return;
     }
     const bool finger = kr7host::IsFingerMode(m_eMode);
-    // In plain and fast plain mode the plug-in hands each frame out twice
-    // when it finds no finger: the frame, then the detector's copy of it
-    // in place of a result. Only the frame is pushed.
-    bool frame = true;
-    if (m_eMode == vc::eCapturePlainFinger || m_eMode == vc::eCaptureFastPlainFinger) {
-        frame = !m_bFramePending;
-        m_bFramePending = frame;
-    }
+    // The detector's copy of a frame without a finger is not pushed.
+    const bool frame = !delivery.copy;
     if (frame) {
         m_nLastArrival = RunningTime();
         m_nLastIndex = m_nFrames++;
@@ -529,7 +522,6 @@ void Source::PushFrame(const kr7host::BitmapView& view, GstClockTime time, std::
 }
 
 void Source::OnResult(const kr7host::Delivery& delivery) {
-    m_bFramePending = false;
     const kr7host::BitmapView& view = delivery.image;
     if (!kr7host::IsFingerMode(m_eMode) || !view.Valid()) {
         return;

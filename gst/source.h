@@ -155,8 +155,7 @@ private:
     int m_nPoolHeight = 0;
     std::size_t m_nStride = 0;  // of the pool's buffers' rows
     std::unique_ptr<kr7host::Placements> m_pPlacements;
-    bool m_bFramePending = false;  // a frame came, its detection answer not yet
-    std::int64_t m_nFrames = 0;    // the scanner's frames of this capture
+    std::int64_t m_nFrames = 0;  // the scanner's frames of this capture
     std::int64_t m_nLastIndex = -1;
     GstClockTime m_nLastArrival = GST_CLOCK_TIME_NONE;
     kr7host::Quality m_LastQuality;  // of the last frame, when measured

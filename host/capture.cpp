@@ -111,6 +111,7 @@ unsigned int Capture::Start(int handle) {
                      m_rGrabber->SetCallbacks(channel, &Capture::OnStart, &Capture::OnStop));
     m_nHandle.store(handle);
     m_nFrame.store(0);
+    m_bFramePending.store(false);
     m_bStopped.store(false);
     m_bClosed.store(false);
     const unsigned int result =
@@ -191,6 +192,13 @@ void Capture::OnImage(int handle, unsigned int tag, unsigned char* image, void* 
     Arrive(user, Kind::Image, handle, tag, [image](Capture& self, Delivery& delivery) {
         delivery.frame = self.m_nFrame.fetch_add(1);
         delivery.image = BitmapView(image);
+        const vc::eCaptureModeIDs mode = self.m_Options.mode;
+        if (mode == vc::eCapturePlainFinger || mode == vc::eCaptureFastPlainFinger) {
+            // Callbacks come one at a time, from the plug-in's worker.
+            const bool pending = self.m_bFramePending.load();
+            self.m_bFramePending.store(!pending);
+            delivery.copy = pending;
+        }
     });
 }
 
@@ -199,6 +207,7 @@ void Capture::OnResult(int handle, unsigned int tag, int result, unsigned char* 
         delivery.result = result;
         delivery.frame = self.m_nFrame.load() - 1;
         delivery.image = BitmapView(image);
+        self.m_bFramePending.store(false);
         if (result != self.m_Options.mode) {
             self.m_nStrays.fetch_add(1);
         }

@@ -491,10 +491,14 @@ void Stream::OnDelivery(const kr7host::Delivery& delivery) {
     }
     switch (delivery.kind) {
         case kr7host::Kind::Image:
+            // The detector's copy of a frame has the frame's measure.
             if (m_Options.kind == Kind::Results &&
-                m_Scratch.Assign(delivery.image, kr7host::kScannerPpi)) {
+                (delivery.copy || m_Scratch.Assign(delivery.image, kr7host::kScannerPpi))) {
+                if (!delivery.copy) {
+                    m_FrameQuality = kr7host::Measure(m_Scratch);
+                }
                 kr7host::Shot shot;
-                shot.quality = kr7host::Measure(m_Scratch);
+                shot.quality = m_FrameQuality;
                 shot.frame = delivery.frame;
                 m_Placements.Frame(std::move(shot));
             }

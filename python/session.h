@@ -214,6 +214,7 @@ private:
     // The worker's side.
     kr7host::Placements m_Placements;  // Results
     kr7host::Image m_Scratch;          // Results: a live frame, measured
+    kr7host::Quality m_FrameQuality;   // Results: of that frame
     std::atomic<long> m_nDropped{0};   // Frames
     std::mutex m_ReadyMutex;
     std::condition_variable m_ReadyChanged;

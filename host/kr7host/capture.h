@@ -38,6 +38,10 @@ struct Call {
     // Image: its number in this capture, from 0. Result: the number of the
     // image before it (-1 when none came yet).
     std::int64_t frame = -1;
+    // Image: the detector's copy of the frame before it, which the plug-in
+    // hands out in place of a result in plain and fast plain mode when it
+    // finds no finger. It is numbered as an image of its own.
+    bool copy = false;
 };
 
 // One callback as the plug-in made it, valid only during the call.
@@ -134,7 +138,8 @@ private:
     std::atomic<int> m_nInside{0};      // callbacks under way
     std::atomic<bool> m_bStopped{false};
     std::atomic<std::int64_t> m_nFrame{0};
-    std::atomic<long> m_nByKind[6] = {};  // callbacks of each Kind
+    std::atomic<bool> m_bFramePending{false};  // a frame came, no copy or result yet
+    std::atomic<long> m_nByKind[6] = {};       // callbacks of each Kind
     std::atomic<long> m_nDropped{0};
     std::atomic<long> m_nStrays{0};
     std::atomic<long> m_nLate{0};

@@ -531,6 +531,38 @@ TEST_F(Session, HandlerHasTheLentImageOnTheWorkerAndMayStopIt) {
     ASSERT_TRUE(Eventually([&] { return images.load() > 3; }));
 }
 
+// Without a finger the plain detector hands each frame out a second time:
+// that image, and only it, is marked as the copy, and it is the frame's.
+TEST_F(Session, PlainModeMarksTheDetectorsCopyOfAFrame) {
+    std::vector<std::uint8_t> frame;
+    std::atomic<int> copies{0}, unlike{0}, framesInARow{0};
+    bool frameBefore = false;
+    Capture capture(plugin, {1, vc::eCapturePlainFinger, 4}, [&](const Delivery& delivery) {
+        if (delivery.kind == Kind::Result) {
+            frameBefore = false;
+        }
+        if (delivery.kind != Kind::Image) {
+            return;
+        }
+        const Image image(delivery.image);
+        if (delivery.copy) {
+            ++copies;
+            unlike += !frameBefore || image.pixels != frame ? 1 : 0;
+            frameBefore = false;
+        } else {
+            // A frame: the one before it got its copy or a result.
+            framesInARow += frameBefore ? 1 : 0;
+            frame = image.pixels;
+            frameBefore = true;
+        }
+    });
+    capture.Start();
+    ASSERT_TRUE(Eventually([&] { return capture.Totals().results >= 3 && copies.load() >= 10; }));
+    capture.Stop();
+    EXPECT_EQ(0, unlike.load());
+    EXPECT_EQ(0, framesInARow.load());
+}
+
 TEST_F(Session, ErrorTextsGiveTheirNumbers) {
     try {
         plugin.SelectDevice(5);

@@ -267,25 +267,9 @@ void Session::DoStart() {
     }
     const long generation = ++m_nGeneration;
     const vc::eCaptureModeIDs mode = m_eMode;
-    // In plain and fast plain mode the plug-in hands each frame out twice
-    // when it finds no finger: the frame, then the detector's copy of it in
-    // place of a result. The view takes the frame only, so that its rate and
-    // its drops are the scanner's. `pending`, the worker's own: a frame came
-    // and neither its copy nor a result yet.
-    const bool twice = mode == vc::eCapturePlainFinger || mode == vc::eCaptureFastPlainFinger;
     m_pCapture = std::make_unique<kr7host::Capture>(
         *m_pPlugin, kr7host::Capture::Options{1, mode, 1},
-        [this, twice, pending = false](const kr7host::Delivery& delivery) mutable {
-            if (delivery.kind == kr7host::Kind::Image && twice) {
-                pending = !pending;
-                if (!pending) {
-                    return;
-                }
-            } else if (delivery.kind == kr7host::Kind::Result) {
-                pending = false;
-            }
-            OnDelivery(delivery);
-        });
+        [this](const kr7host::Delivery& delivery) { OnDelivery(delivery); });
     try {
         m_pCapture->Start(static_cast<int>(generation));
     } catch (const std::exception& e) {
@@ -348,6 +332,11 @@ void Session::OnDelivery(const kr7host::Delivery& delivery) {
     const long generation = delivery.handle;
     switch (delivery.kind) {
         case kr7host::Kind::Image: {
+            if (delivery.copy) {
+                // The detector's copy of a frame without a finger: the view's
+                // rate and drops are the scanner's frames.
+                return;
+            }
             ++m_nDelivered;
             if (!m_Incoming.Assign(delivery.image, kr7host::kScannerPpi)) {
                 return;
